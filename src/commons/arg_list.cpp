@@ -1,0 +1,43 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "commons/arg_list.h"
+
+#include "commons/sh_quote.h"
+
+#include <cstdlib>
+#include <cstring>
+#include <new>
+
+namespace korva {
+
+ArgList::~ArgList() {
+    for (char* argument : arguments_) {
+        std::free(argument);
+    }
+}
+
+ArgList& ArgList::operator<<(const std::string& argument) {
+    arguments_.reserve(arguments_.size() + 1);  // from here on only strdup can fail
+    char* copy = ::strdup(argument.c_str());
+    if (copy == nullptr) {
+        throw std::bad_alloc();
+    }
+    arguments_.back() = copy;
+    arguments_.push_back(nullptr);
+    return *this;
+}
+
+std::string ArgList::getStringRepresentation() const {
+    std::string text;
+    for (const char* argument : arguments_) {
+        if (argument == nullptr) {
+            break;
+        }
+        if (argument != arguments_.front()) {
+            text += ' ';
+        }
+        text += *argument == '\0' ? "''" : sh_quote(argument);
+    }
+    return text;
+}
+
+}  // namespace korva

@@ -1,0 +1,24 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include <csignal>
+
+namespace korva {
+
+/// Holds SIGALRM back while it lives, so that no library call fails half-done with EINTR. Waits that are
+/// written for it let the signal in by handing maskForWaits() to ppoll(2). Scopes may nest.
+class SignalHold {
+  public:
+    SignalHold();
+    SignalHold(const SignalHold&) = delete;
+    SignalHold& operator=(const SignalHold&) = delete;
+    ~SignalHold();
+
+    /// The signal mask as it was before the outermost scope; only while there is one.
+    static const sigset_t& maskForWaits();
+
+  private:
+    sigset_t maskBefore_;
+};
+
+}  // namespace korva

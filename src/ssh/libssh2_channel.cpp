@@ -1,0 +1,189 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "ssh/libssh2pp.h"
+#include "ssh/socket_wait.h"
+
+#include <log4cpp/Category.hh>
+
+#include <csignal>
+#include <cstdlib>
+#include <cstring>
+#include <map>
+#include <string_view>
+
+namespace korva::libssh2pp {
+namespace {
+
+constexpr const char* kSourceName = "./libssh2pp";
+
+constexpr int kWakeUpMs = 5000;
+constexpr unsigned long kSessionAndChannelClosed =
+    LIBSSH2_POLLFD_SESSION_CLOSED | LIBSSH2_POLLFD_CHANNEL_CLOSED;
+
+log4cpp::Category& category() {
+    return log4cpp::Category::getInstance("k.libssh2pp.Channel");
+}
+
+// The signals that a server can name (RFC 4254, section 6.10).
+int exitStatusOfSignal(std::string_view name) {
+    constexpr int kStatusOfUnknownSignal = 255;
+    static const std::map<std::string_view, int> kNumbers = {
+        {"ABRT", SIGABRT}, {"ALRM", SIGALRM}, {"FPE", SIGFPE},   {"HUP", SIGHUP},   {"ILL", SIGILL},
+        {"INT", SIGINT},   {"KILL", SIGKILL}, {"PIPE", SIGPIPE}, {"QUIT", SIGQUIT}, {"SEGV", SIGSEGV},
+        {"TERM", SIGTERM}, {"USR1", SIGUSR1}, {"USR2", SIGUSR2}};
+    const auto known = kNumbers.find(name);
+    return known == kNumbers.end() ? kStatusOfUnknownSignal : 128 + known->second;
+}
+
+}  // namespace
+
+void dvx_libssh2_channel_free(LIBSSH2_CHANNEL* channel) {
+    libssh2_channel_free(channel);
+}
+
+Channel::Channel(LIBSSH2_CHANNEL* channel, Session& session) : Handle(channel), session_(session) {}
+
+Channel::~Channel() {
+    category().debug("Closed");
+    setMode(kNonBlocking);  // blocking, it would wait until the remote command ends
+    int result = libssh2_channel_free(get());
+    // A packet that is sent in part only would spoil the next one, so it gets some time to leave.
+    for (int waits = 0; result == LIBSSH2_ERROR_EAGAIN && !isWritable(session_.socket()) && waits < 2;
+         ++waits) {
+        waitForSocket(session_.socket(), kWakeUpMs);
+        result = libssh2_channel_free(get());
+    }
+    LIBSSH2_CHANNEL* const channel = release();
+    if (result == LIBSSH2_ERROR_EAGAIN) {
+        session_.abandon(channel);
+    }
+}
+
+void Channel::setMode(Mode mode) {
+    libssh2_channel_set_blocking(get(), mode);
+}
+
+int Channel::requestExec(const std::string& command) {
+    return libssh2_channel_process_startup(get(), "exec", 4, command.data(),
+                                           static_cast<unsigned>(command.size()));
+}
+
+// In blocking mode libssh2 waits for ever for a window that a command which has already exited never opens.
+int Channel::write(const char* data, unsigned size) {
+    int refusals = 0;
+    while (!inputHasNoReader_) {
+        const ssize_t written = libssh2_channel_write_ex(get(), 0, data, size);
+        if (written != 0 && written != LIBSSH2_ERROR_EAGAIN) {
+            return static_cast<int>(written);
+        }
+        if (!isWritable(session_.socket())) {  // perhaps a packet is sent in part: repeat the very same call
+            waitForSocket(session_.socket(), kWakeUpMs);
+            refusals = 0;
+            continue;
+        }
+        if (++refusals < 3) {
+            continue;
+        }
+        refusals = 0;  // the remote window is full, and no packet is under way
+        whenFull_();
+        if ((receiveEvents() & LIBSSH2_POLLFD_CHANNEL_CLOSED) != 0) {
+            inputHasNoReader_ = true;
+        } else {
+            waitForSocket(session_.socket(), kWakeUpMs);
+        }
+    }
+    return static_cast<int>(size);
+}
+
+void Channel::sendEof() {
+    int result = libssh2_channel_send_eof(get());
+    while (result == LIBSSH2_ERROR_EAGAIN) {
+        waitForSocket(session_.socket(), kWakeUpMs);
+        result = libssh2_channel_send_eof(get());
+    }
+    if (result < 0) {  // few of libssh2's errors are -1
+        throw KORVA_EXC(UnableToSendEof) % session_.lastError();
+    }
+}
+
+bool Channel::eof() {
+    return libssh2_channel_eof(get()) != 0;
+}
+
+// Never in blocking mode: libssh2 tells of waiting standard error when only standard output waits, and a
+// read of the empty stream would then block for ever.
+int Channel::read(int stream, char* buffer, std::size_t size) {
+    const ssize_t got = libssh2_channel_read_ex(get(), stream, buffer, size);
+    if (got == LIBSSH2_ERROR_EAGAIN) {
+        return 0;
+    }
+    if (got < 0) {
+        throw KORVA_EXC(SshConnectionFault);
+    }
+    if (got > 0) {
+        queuedInVain_ = false;
+    }
+    return static_cast<int>(got);
+}
+
+// True for either stream, though it is asked for standard error only.
+bool Channel::hasQueuedData() {
+    return libssh2_poll_channel_read(get(), 1) > 0;
+}
+
+// With a time-out, libssh2_poll() spins for ever on a connection that the server has closed, and sleeps
+// through standard error: the sleeping is done by poll().
+unsigned long Channel::receiveEvents() {
+    LIBSSH2_POLLFD descriptor{};
+    descriptor.type = LIBSSH2_POLLFD_CHANNEL;
+    descriptor.fd.channel = get();
+    descriptor.events = LIBSSH2_POLLFD_POLLIN;
+    libssh2_poll(&descriptor, 1, 0);
+    if ((descriptor.revents & kSessionAndChannelClosed) == kSessionAndChannelClosed) {
+        throw KORVA_EXC(SshConnectionFault);
+    }
+    return descriptor.revents;
+}
+
+void Channel::poll(int timeout) {
+    // Data may be queued while the socket is idle. Queued but unread twice in a row means that libssh2 itself
+    // waits for the socket, for a key exchange say.
+    const auto worthReading = [this] {
+        queuedInVain_ = !queuedInVain_ && hasQueuedData();
+        return queuedInVain_;
+    };
+    const bool readInVain = queuedInVain_;
+    if (worthReading()) {
+        return;
+    }
+    receiveEvents();
+    if (eof() || (!readInVain && worthReading())) {
+        return;
+    }
+    waitForSocket(session_.socket(), timeout);
+}
+
+bool Channel::closed() {
+    const int result = libssh2_channel_wait_closed(get());
+    if (result < 0 && result != LIBSSH2_ERROR_EAGAIN) {  // else a lost connection would look like status 0
+        throw KORVA_EXC(SshConnectionFault);
+    }
+    return result == 0;
+}
+
+void Channel::waitForClose(int timeout) {
+    waitForSocket(session_.socket(), timeout);
+}
+
+int Channel::exitStatus() {
+    const int status = libssh2_channel_get_exit_status(get());
+    if (status != 0) {
+        return status;
+    }
+    // libssh2 reports status 0 for a command that a signal has killed.
+    char* signalName = nullptr;
+    libssh2_channel_get_exit_signal(get(), &signalName, nullptr, nullptr, nullptr, nullptr, nullptr);
+    const std::unique_ptr<char, void (*)(void*)> owner(signalName, &std::free);
+    return signalName == nullptr ? 0 : exitStatusOfSignal(signalName);
+}
+
+}  // namespace korva::libssh2pp

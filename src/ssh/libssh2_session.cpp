@@ -1,0 +1,225 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "ssh/libssh2pp.h"
+#include "ssh/socket_wait.h"
+
+#include <boost/algorithm/string/classification.hpp>
+#include <boost/algorithm/string/split.hpp>
+#include <log4cpp/Category.hh>
+
+#include <algorithm>
+#include <cstdlib>
+#include <cstring>
+#include <string_view>
+#include <tuple>
+
+namespace korva::libssh2pp {
+namespace {
+
+constexpr const char* kSourceName = "./libssh2pp";
+
+constexpr int kServerSilenceLimitMs = 120000;
+constexpr int kWakeUpMs = 5000;
+constexpr unsigned kWindowSize = 65536;
+constexpr unsigned kPacketSize = 16384;
+
+log4cpp::Category& category() {
+    return log4cpp::Category::getInstance("k.libssh2pp.Session");
+}
+
+void keepForTheSession(char* /*text*/) {}  // freeing it would abort the program when the session is freed
+
+bool offers(const std::vector<std::string>& methods, std::string_view method) {
+    return std::find(methods.begin(), methods.end(), method) != methods.end();
+}
+
+bool meansLostConnection(int error) {
+    switch (error) {
+        case LIBSSH2_ERROR_SOCKET_NONE:
+        case LIBSSH2_ERROR_SOCKET_SEND:
+        case LIBSSH2_ERROR_TIMEOUT:
+        case LIBSSH2_ERROR_SOCKET_DISCONNECT:
+        case LIBSSH2_ERROR_SOCKET_TIMEOUT:
+        case LIBSSH2_ERROR_SOCKET_RECV:
+        case LIBSSH2_ERROR_BAD_SOCKET:
+            return true;
+        default:
+            return false;
+    }
+}
+
+// What libssh2 could not free stays reachable until the process ends, soon after: waiting for a remote
+// command that still runs would take as long as that command.
+void leaveToProcessEnd(LIBSSH2_SESSION* session) {
+    static std::vector<LIBSSH2_SESSION*> left;
+    left.push_back(session);
+}
+
+}  // namespace
+
+Session::Session(int socket, bool noEncryption, bool compatibility)
+    : Handle(libssh2_session_init_ex(nullptr, nullptr, nullptr, nullptr)),
+      socket_(socket),
+      compatibility_(compatibility) {
+    category().debug("Trying to start SSH session");
+    start(noEncryption);
+}
+
+Session::~Session() {
+    category().debug("SSH session finished");
+    reserveChannel_.reset();
+    if (!abandoned_.empty()) {
+        libssh2_channel_set_blocking(abandoned_.front(), Channel::kNonBlocking);
+        leaveToProcessEnd(get());
+    }
+}
+
+void Session::start(bool noEncryption) {
+    if (noEncryption) {
+        category().debug("Disabling SSH encryption");
+        // libssh2 has no such cipher and refuses: the session is encrypted all the same.
+        std::ignore = libssh2_session_method_pref(get(), LIBSSH2_METHOD_CRYPT_CS, "none");
+        std::ignore = libssh2_session_method_pref(get(), LIBSSH2_METHOD_CRYPT_SC, "none");
+    }
+    if (compatibility_) {
+        std::ignore = libssh2_session_method_pref(get(), LIBSSH2_METHOD_KEX, "diffie-hellman-group1-sha1");
+    }
+    std::string failure;
+    if (!waitForFirstBytes(socket_, kServerSilenceLimitMs)) {  // libssh2 would wait for ever
+        failure = "The server has sent nothing for 120 seconds";
+    } else if (libssh2_session_startup(get(), socket_) != 0) {
+        failure = lastError();
+    }
+    if (!failure.empty()) {
+        category().errorStream() << "SSH session was not started: " << failure;
+        throw KORVA_EXC(UnableToStartSshSession) % failure;
+    }
+    const char* const cipher = libssh2_session_methods(get(), LIBSSH2_METHOD_CRYPT_SC);
+    category().debugStream() << "Selected " << (cipher != nullptr ? cipher : "no") << " encryption method";
+    category().debug("SSH session started successfully");
+}
+
+std::string Session::lastError() const {
+    char* text = nullptr;
+    libssh2_session_last_error(get(), &text, nullptr, 0);
+    return text != nullptr ? text : "";
+}
+
+void Session::getAuthMethodsList(const std::string& login, std::vector<std::string>& methods) {
+    category().debugStream() << "Getting userauth methods for user '" << login << "'";
+    const Handle<char*, &keepForTheSession> list(
+        libssh2_userauth_list(get(), login.data(), static_cast<unsigned>(login.size())));
+    category().debugStream() << "Got the following allowed userauth methods: " << list.get();
+    boost::algorithm::split(methods, std::string(list.get()), boost::algorithm::is_any_of(","));
+}
+
+void Session::authorize(const std::string& login, const std::string& password) {
+    category().debugStream() << "Requested authorization for user " << login;
+    std::vector<std::string> methods;
+    getAuthMethodsList(login, methods);
+    const bool accepted =
+        (offers(methods, "password") && authorizeByPassword(login, password)) ||
+        (offers(methods, "keyboard-interactive") && authorizeByKeyboardInteractive(login, password));
+    if (!accepted) {
+        category().error("Authentication failed");
+        throw KORVA_EXC(SshAuthorizationFailed);
+    }
+    if (compatibility_) {
+        create_reserve_channel();
+    }
+}
+
+bool Session::authorizeByPassword(const std::string& login, const std::string& password) {
+    category().debug("Trying 'password' authentication");
+    const int result = libssh2_userauth_password_ex(
+        get(), login.c_str(), static_cast<unsigned>(std::strlen(login.c_str())), password.c_str(),
+        static_cast<unsigned>(std::strlen(password.c_str())), nullptr);
+    if (meansLostConnection(result)) {
+        throw KORVA_EXC(SshConnectionFault);
+    }
+    if (result == 0) {
+        category().debug("Authenticated succesfully");  // spelled so: support's tools look for it
+    }
+    return result == 0;
+}
+
+bool Session::authorizeByKeyboardInteractive(const std::string& login, const std::string& password) {
+    category().debug("Trying 'keyboard-interactive' authentication");
+    *libssh2_session_abstract(get()) = const_cast<std::string*>(&password);
+    const int result = libssh2_userauth_keyboard_interactive_ex(
+        get(), login.data(), static_cast<unsigned>(login.size()), &Session::userauth_callback);
+    *libssh2_session_abstract(get()) = nullptr;
+    // libssh2 gives the code of a refusal to a connection that was lost while it waited for the answer.
+    const bool lostWhileWaiting =
+        result == LIBSSH2_ERROR_AUTHENTICATION_FAILED && lastError().starts_with("Waiting for keyboard");
+    if (meansLostConnection(result) || lostWhileWaiting) {
+        throw KORVA_EXC(SshConnectionFault);
+    }
+    if (result == 0) {
+        category().debug("Authenticated successfully");
+    }
+    return result == 0;
+}
+
+LIBSSH2_USERAUTH_KBDINT_RESPONSE_FUNC(Session::userauth_callback) {
+    std::ignore = std::make_tuple(name, name_len, instruction, instruction_len, prompts);
+    category().debugStream() << "'keyboard-interactive' callback requested. "
+                             << "Filling " << num_prompts << " responses with the password";
+    const auto& password = *static_cast<const std::string*>(*abstract);
+    for (int i = 0; i < num_prompts; ++i) {
+        // libssh2 frees each response itself, so it gets a malloc copy without a terminating zero.
+        responses[i].text = static_cast<char*>(std::malloc(std::max<std::size_t>(password.size(), 1)));
+        if (responses[i].text == nullptr) {
+            return;  // a response without text counts as empty
+        }
+        std::memcpy(responses[i].text, password.data(), password.size());
+        responses[i].length = static_cast<unsigned>(password.size());
+    }
+}
+
+std::unique_ptr<Channel> Session::openSessionChannel() {
+    LIBSSH2_CHANNEL* channel = nullptr;
+    for (;;) {
+        channel = libssh2_channel_open_ex(get(), "session", 7, kWindowSize, kPacketSize, nullptr, 0);
+        // The mode is the session's, and an earlier channel has left it non-blocking.
+        if (channel != nullptr ||
+            libssh2_session_last_error(get(), nullptr, nullptr, 0) != LIBSSH2_ERROR_EAGAIN) {
+            return std::make_unique<Channel>(channel, *this);
+        }
+        waitForSocket(socket_, kWakeUpMs);
+    }
+}
+
+void Session::create_reserve_channel() {
+    category().debug("Create a reserve channel");
+    reserveChannel_ = openSessionChannel();
+    reserveChannel_->setMode(Channel::kNonBlocking);
+    // Its answer is waited for, or libssh2 would take the next command's for it; whatever it is, it counts
+    // for nothing.
+    constexpr int kMostWaits = 10;
+    for (int waits = 0; reserveChannel_->requestExec("cat") == LIBSSH2_ERROR_EAGAIN && waits < kMostWaits;
+         ++waits) {
+        waitForSocket(socket_, 1000);
+    }
+}
+
+std::unique_ptr<Channel> Session::openExecChannel(const std::string& command, Channel::Mode mode) {
+    category().debugStream() << "Opening SSH channel for command '" << command << "'";
+    std::unique_ptr<Channel> channel = openSessionChannel();
+    channel->setMode(mode);
+    int result = channel->requestExec(command);
+    while (result == LIBSSH2_ERROR_EAGAIN) {
+        waitForSocket(socket_, kWakeUpMs);
+        result = channel->requestExec(command);
+    }
+    // A refused command never ends by itself on a server that leaves the channel open. LIBSSH2_ERROR_INVAL:
+    // too long to be sent at all.
+    if (result == LIBSSH2_ERROR_CHANNEL_REQUEST_DENIED || result == LIBSSH2_ERROR_INVAL) {
+        return nullptr;
+    }
+    if (result < 0) {
+        throw KORVA_EXC(SshConnectionFault);
+    }
+    return channel;
+}
+
+}  // namespace korva::libssh2pp

@@ -1,0 +1,120 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "ssh/running_command.h"
+
+#include "ssh/libssh2pp.h"
+#include "ssh/pump.h"
+#include "ssh/remote_log.h"
+
+#include <log4cpp/Category.hh>
+
+#include <algorithm>
+#include <ostream>
+#include <string_view>
+
+namespace korva {
+namespace {
+
+constexpr int kStandardOutput = 0;
+constexpr int kStandardError = 1;
+constexpr int kWakeUpMs = 5000;
+
+log4cpp::Category& category() {
+    return log4cpp::Category::getInstance("k.Ssh");
+}
+
+void logChunk(const char* label, const std::string& text) {
+    if (!text.empty()) {
+        category().debugStream() << label << memchunk_log{text.data(), static_cast<int>(text.size())};
+    }
+}
+
+}  // namespace
+
+RunningCommand::RunningCommand(libssh2pp::Channel& channel, const RemoteRequest& request, Ssh& ssh)
+    : channel_(channel),
+      request_(request),
+      ssh_(ssh),
+      buffer_(request.readSize),
+      outputLogMask_(ssh.secrets()),
+      errorMask_(ssh.secrets()) {
+    // A command may wait for its output to be read before it reads on.
+    channel_.setWhenFull([this] { readStreams(); });
+}
+
+RunningCommand::~RunningCommand() {
+    channel_.setWhenFull([] {});
+}
+
+void RunningCommand::sendInput() {
+    IOStreamReadChannel source(request_.in);
+    SshChannelWriteChannel sink(channel_);
+    if (request_.quietInput) {
+        pump(source, sink);
+    } else {
+        pump_with_log(source, sink, ssh_);
+    }
+}
+
+void RunningCommand::drainOutput() {
+    while (!channel_.eof()) {
+        ssh_.serveAlarm();
+        if (!readStreams()) {
+            channel_.poll(kWakeUpMs);
+        }
+    }
+    finishMasks();
+}
+
+// A server may send the end of the output long before the command ends.
+int RunningCommand::waitForExitStatus() {
+    while (!channel_.closed()) {
+        ssh_.serveAlarm();
+        channel_.waitForClose(kWakeUpMs);
+    }
+    return channel_.exitStatus();
+}
+
+bool RunningCommand::readStreams() {
+    bool gotData = false;
+    for (const int stream : {kStandardOutput, kStandardError}) {
+        const int size = channel_.read(stream, buffer_.data(), buffer_.size());
+        for (int done = 0; done < size; done += kMaxPieceSize) {
+            deliver(stream, buffer_.data() + done, std::min(size - done, kMaxPieceSize));
+        }
+        gotData = gotData || size > 0;
+    }
+    return gotData;
+}
+
+void RunningCommand::deliver(int stream, const char* data, int size) {
+    if (stream == kStandardOutput) {
+        deliverOutput(data, size);
+    } else {
+        deliverError(errorMask_.push(std::string_view(data, static_cast<std::size_t>(size))));
+    }
+}
+
+void RunningCommand::deliverOutput(const char* data, int size) {
+    if (!request_.quietOutput && category().isDebugEnabled()) {
+        logChunk("remote stdout -> ",
+                 outputLogMask_.push(std::string_view(data, static_cast<std::size_t>(size))));
+    }
+    request_.counter(size);
+    IOStreamWriteChannel sink(request_.out);
+    pump_write(sink, data, size);
+}
+
+void RunningCommand::deliverError(const std::string& text) {
+    if (!request_.quietOutput) {
+        logChunk("remote stderr -> ", text);
+    }
+    IOStreamWriteChannel sink(request_.err);
+    pump_write(sink, text.data(), static_cast<int>(text.size()));
+}
+
+void RunningCommand::finishMasks() {
+    logChunk("remote stdout -> ", outputLogMask_.finish());
+    deliverError(errorMask_.finish());
+}
+
+}  // namespace korva

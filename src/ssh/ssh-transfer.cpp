@@ -1,0 +1,176 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "ssh/ssh-transfer.h"
+
+#include "commons/sh_quote.h"
+#include "commons/signal_hold.h"
+#include "commons/socket.h"
+#include "commons/umask_scope.h"
+#include "ssh/libssh2pp.h"
+#include "ssh/pump.h"
+#include "ssh/remote_log.h"
+#include "ssh/running_command.h"
+
+#include <boost/format.hpp>
+#include <log4cpp/Category.hh>
+
+#include <unistd.h>
+
+#include <fstream>
+#include <sstream>
+#include <tuple>
+
+namespace korva {
+namespace {
+
+constexpr const char* kSourceName = "./ssh-transfer";
+
+constexpr int kStatusOfRefusedCommand = 255;
+
+// The length asked of libssh2 at once. It is what widens libssh2's receive window, so downloads ask for
+// more than the 65536 bytes of other commands.
+constexpr std::size_t kReadSize = 65536;
+constexpr std::size_t kDownloadReadSize = 1048576;
+
+log4cpp::Category& category() {
+    return log4cpp::Category::getInstance("k.Ssh");
+}
+
+/// A stream that takes everything and keeps nothing.
+class DiscardStream : public std::ostream {
+  public:
+    DiscardStream() : std::ostream(&buffer_) {}
+
+  private:
+    class Buffer : public std::streambuf {
+      protected:
+        int_type overflow(int_type c) override { return traits_type::not_eof(c); }
+        std::streamsize xsputn(const char* /*data*/, std::streamsize size) override { return size; }
+    };
+    Buffer buffer_;
+};
+
+}  // namespace
+
+Ssh::NullCounter Ssh::null_counter;
+
+Ssh::Ssh(const std::string& host, const std::string& login, const std::string& password, bool noEncryption,
+         unsigned short port) {
+    const SignalHold hold;
+    secrets_.add(password);
+    startSession(host, noEncryption, port);
+    try {
+        session_->authorize(login, password);
+    } catch (const Exc<&SshAuthorizationFailed>&) {  // the error below says all that it does
+        throw KORVA_EXC(SshInvalidCredentials) % host;
+    }
+}
+
+Ssh::~Ssh() {
+    const SignalHold hold;
+    session_.reset();
+    socket_.reset();
+}
+
+void Ssh::startSession(const std::string& host, bool noEncryption, unsigned short port) {
+    socket_ = std::make_unique<Socket>(host, port);
+    try {
+        session_ = std::make_unique<libssh2pp::Session>(socket_->fd(), noEncryption, false);
+    } catch (const Exc<&UnableToStartSshSession>&) {  // logged where it was thrown
+        category().debug("Attempt to start SSH session in a 'compatibility' mode");
+        auto socket = std::make_unique<Socket>(host, port);
+        session_ = std::make_unique<libssh2pp::Session>(socket->fd(), noEncryption, true);
+        socket_ = std::move(socket);
+    }
+}
+
+int Ssh::exec(const std::string& command, std::istream& in, std::ostream& out, std::ostream& err,
+              bool quietOutput, bool quietInput, Counter& counter) {
+    return run({command, in, out, err, quietOutput, quietInput, counter, kReadSize});
+}
+
+int Ssh::exec(const std::string& command, std::ostream& out, std::ostream& err, bool quietOutput,
+              Counter& counter) {
+    std::istringstream noInput;
+    return exec(command, noInput, out, err, quietOutput, false, counter);
+}
+
+int Ssh::run(const RemoteRequest& request) {
+    const SignalHold hold;
+    category().debugStream() << "Executing " << request.command << " on the remote host";
+    int status = kStatusOfRefusedCommand;
+    if (const auto channel = session_->openExecChannel(request.command, libssh2pp::Channel::kNonBlocking)) {
+        RunningCommand command(*channel, request, *this);
+        command.sendInput();
+        channel->sendEof();
+        command.drainOutput();
+        status = command.waitForExitStatus();
+    }
+    category().debugStream() << "Execution finished with return code " << status;
+    return status;
+}
+
+void Ssh::serveAlarm() {
+    if (Alarm* const alarm = alarm_) {
+        alarm->doAlarm();
+    }
+}
+
+int Ssh::get(std::ostream& out, std::ostream& err, const std::string& remotePath, Counter& counter) {
+    category().debugStream() << "Reading data from the remote file " << remotePath;
+    const std::string command = boost::str(boost::format("cat %1%") % sh_quote(remotePath));
+    std::istringstream noInput;
+    const int status = run({command, noInput, out, err, true, true, counter, kDownloadReadSize});
+    if (status == 0 && !out.flush()) {  // the last bytes count as well
+        throw KORVA_EXC(StreamWrite);
+    }
+    return status;
+}
+
+int Ssh::get(std::ostream& out, const std::string& remotePath) {
+    static NullCounter counter;
+    std::ostringstream err;
+    return get(out, err, remotePath, counter);
+}
+
+int Ssh::get(const std::string& localPath, std::ostream& err, const std::string& remotePath,
+             Counter& counter) {
+    category().debugStream() << "Reading data to the file " << localPath;
+    const UmaskScope umask(022);
+    std::ofstream file(localPath, std::ios::trunc);
+    const int status = get(file, err, remotePath, counter);
+    file.close();
+    if (status != 0) {
+        std::ignore = unlink(localPath.c_str());  // what is left says nothing that the status does not
+    } else if (!file) {
+        throw KORVA_EXC(StreamWrite);
+    }
+    return status;
+}
+
+int Ssh::get(const std::string& localPath, const std::string& remotePath) {
+    static NullCounter counter;
+    std::ostringstream err;
+    return get(localPath, err, remotePath, counter);
+}
+
+void Ssh::put(std::istream& in, const std::string& remotePath) {
+    category().debugStream() << "Writing data to the remote file " << remotePath;
+    const std::string command = boost::str(boost::format("cat > %1%") % sh_quote(remotePath));
+    DiscardStream discarded;
+    if (const int status = exec(command, in, discarded, discarded, true, true, null_counter); status != 0) {
+        category().errorStream() << "Writing to the remote file " << remotePath
+                                 << " has ended with return code " << status;
+    }
+}
+
+void Ssh::put(const std::string& localPath, const std::string& remotePath) {
+    category().debugStream() << "Writing file " << localPath << " to the remote host";
+    std::ifstream file(localPath);
+    put(file, remotePath);
+}
+
+void Ssh::logPump(const char* data, int size) {
+    category().debugStream() << "remote stdin <- " << memchunk_log{data, size};
+}
+
+}  // namespace korva

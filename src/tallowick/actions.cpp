@@ -1,0 +1,253 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "tallowick/actions.h"
+
+#include "commons/filesystem.h"
+#include "commons/product_paths.h"
+#include "commons/session.h"
+#include "commons/signal_hold.h"
+#include "commons/stream_errors.h"
+#include "commons/termination.h"
+#include "tallowick/args_builder.h"
+#include "tallowick/status_refresh.h"
+
+#include <unistd.h>
+
+#include <cstdio>
+#include <fstream>
+#include <iostream>
+#include <iterator>
+#include <sstream>
+#include <tuple>
+
+namespace korva {
+namespace {
+
+constexpr const char* kSourceName = "./actions";
+
+constexpr unsigned short kDefaultPort = 22;
+
+// The bytes of this prefix are fixed: credentials that sudo has cached are dropped, so that it always takes
+// the first line of the input for the password; the prompt is a blank.
+constexpr const char* kSudoPrefix = "sudo -k; sudo -S -p ' ' ";
+
+std::string readAll(std::istream& in) {
+    return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
+}
+
+}  // namespace
+
+Action::Action(bool withStatus) {
+    if (withStatus) {
+        status_ = createMigrationStatusFile();
+        saveIdle();
+    }
+}
+
+Action::~Action() {
+    if (!status_) {
+        return;
+    }
+    try {
+        saveIdle();
+    } catch (const std::exception& e) {  // the run ends for another reason, which decides its status
+        theDebugLog->log(std::string(e.what()));
+        std::cerr << e.what();
+    }
+}
+
+void Action::saveIdle() {
+    status_->setIdle();
+    status_->saveFile();
+}
+
+void Action::finish() {
+    if (status_) {
+        const std::unique_ptr<MigrationStatus> last = std::move(status_);
+        last->setIdle();
+        last->saveFile();
+    }
+}
+
+Ssh* Action::getSsh() {
+    if (!ssh_) {
+        const SignalHold hold;  // a tick finds the connection whole or not at all
+        const unsigned short port = cfg().port == 0 ? kDefaultPort : static_cast<unsigned short>(cfg().port);
+        ssh_ = std::make_unique<Ssh>(cfg().host, cfg().login, cfg().password, cfg().no_encryption, port);
+        ssh_->addSecret(cfg().sudo_password);
+    }
+    return ssh_.get();
+}
+
+int Action::execUser(const std::string& command, std::istream& in, std::ostream& out, std::ostream& err,
+                     bool quietOutput, bool quietInput) {
+    // The agent directory is quoted as part of the whole text only: what is seen on the source host is fixed.
+    const std::string line = (ArgsBuilder("sh") << "-c"
+                                                << "cd " + cfg().agent_dir + "; " + command)
+                                 .str();
+    return getSsh()->exec(line, in, out, err, quietOutput, quietInput, Ssh::null_counter);
+}
+
+int Action::execUser(const std::string& command, std::ostream& out, std::ostream& err, bool quietOutput) {
+    const std::string line = (ArgsBuilder("sh") << "-c"
+                                                << "cd " + cfg().agent_dir + "; " + command)
+                                 .str();
+    return getSsh()->exec(line, out, err, quietOutput, Ssh::null_counter);
+}
+
+int Action::execRoot(const std::string& command, std::istream& in, std::ostream& out, std::ostream& err,
+                     bool quietOutput, bool quietInput) {
+    if (!cfg().sudo) {
+        return execUser(command, in, out, err, quietOutput, quietInput);
+    }
+    checkSudoPresence();
+    const std::string asRoot = kSudoPrefix + command;
+    if (cfg().sudo_password.empty()) {
+        return execUser(asRoot, in, out, err, quietOutput, quietInput);
+    }
+    std::istringstream withPassword(cfg().sudo_password + "\n" + readAll(in));
+    return execUser(asRoot, withPassword, out, err, quietOutput, quietInput);
+}
+
+int Action::execRoot(const std::string& command, std::ostream& out, std::ostream& err, bool quietOutput) {
+    std::istringstream noInput;
+    return execRoot(command, noInput, out, err, quietOutput, false);
+}
+
+void Action::checkSudoPresence() {
+    if (sudoChecked_) {
+        return;
+    }
+    try {
+        requireSudoCommand();
+    } catch (const Exc<&SshCommandNotFound>&) {  // the error below says all that it does
+        throw KORVA_EXC(SudoNotFound) % cfg().host;
+    }
+    try {
+        requireSudoRights();
+    } catch (const Exc<&SshUnknown>&) {  // the error below says all that it does
+        throw KORVA_EXC(SudoNotAllowed) % cfg().login % cfg().host;
+    }
+    sudoChecked_ = true;
+}
+
+// "sudo -V" succeeds wherever sudo exists.
+void Action::requireSudoCommand() {
+    const std::string command = "sudo -V";
+    std::ostringstream out;
+    std::ostringstream err;
+    if (getSsh()->exec(command, out, err, false, Ssh::null_counter) != 0) {
+        throw KORVA_EXC(SshCommandNotFound) % command;
+    }
+}
+
+void Action::requireSudoRights() {
+    const std::string command = std::string(kSudoPrefix) + "true";
+    std::istringstream password(cfg().sudo_password);
+    std::ostringstream out;
+    std::ostringstream err;
+    const int status = getSsh()->exec(command, password, out, err, false, false, Ssh::null_counter);
+    if (status != 0) {
+        throw KORVA_EXC(SshUnknown) % command % status;
+    }
+}
+
+void Action::takeFile(const std::string& remotePath) {
+    if (!cfg().sudo) {
+        return;
+    }
+    checkSudoPresence();
+    std::ostringstream out;
+    std::ostringstream err;
+    const std::string chown = (ArgsBuilder("chown") << cfg().login << remotePath).str();
+    if (execRoot(chown, out, err, false) != 0) {
+        throw KORVA_EXC(CantTakeFileOwnership) % remotePath % err.str();
+    }
+}
+
+std::string Action::dumpingStatusPath() const {
+    return cfg().agent_dir + "/" + files::getRemoteDumpingStatusFileName();
+}
+
+void Action::setAlarmFunction() {
+    if (ssh_) {
+        ssh_->setAlarm(this);
+    }
+}
+
+void Action::doAlarm() {
+    Action* const refreshed = pAction.exchange(nullptr);  // ticks that come meanwhile do nothing
+    try {
+        const std::string name = theSession->getDumpingStatusFileName();
+        const std::string unfinished = name + ".tmp";
+        getSsh()->setAlarm(nullptr);
+        // A dumper that has not written its status yet is no failure.
+        if (getSsh()->get(unfinished, dumpingStatusPath()) == 0) {
+            std::ignore = std::rename(unfinished.c_str(), name.c_str());  // the next refresh may do better
+        }
+    } catch (const MigrationTerminatedException&) {
+        throw;
+    } catch (...) {  // a refresh never disturbs the dump; refreshing ends here
+        return;
+    }
+    alarm(kRefreshIntervalSeconds);
+    pAction = refreshed;
+}
+
+void SendScoutAction::execute() {
+    status().setAgentParams(cfg().host);
+    status().setAgentOperation(MigrationStatus::deploy);
+    status().saveFile();
+
+    const std::string scoutName = files::getScoutFileName();
+    std::ifstream scout(scoutName);
+    if (!scout || !check_input_file(scoutName.c_str(), true)) {
+        throw KORVA_EXC(UnableToOpenScoutFile);
+    }
+    std::ofstream report(theSession->getScoutResultFileName(), std::ios::trunc);
+    std::ostringstream err;
+    const int exitCode = execRoot("perl", scout, report, err, false, true);
+    report.close();
+    if (!report) {  // the last bytes count as well
+        throw KORVA_EXC(StreamWrite);
+    }
+    if (exitCode != 0) {
+        throw KORVA_EXC(FailedToExecuteScout) % exitCode % err.str();
+    }
+    status().setAgentOperation(MigrationStatus::wait);
+    status().saveFile();
+}
+
+void GetDumpingStatusAction::execute() {
+    try {
+        status().setAgentParams(cfg().host);
+        status().setAgentOperation(MigrationStatus::wait);
+        status().saveFile();
+        const std::string remotePath = dumpingStatusPath();
+        takeFile(remotePath);
+        std::ostringstream err;
+        if (getSsh()->get(std::cout, err, remotePath, Ssh::null_counter) != 0) {
+            // Nothing to print yet; the reason is for support.
+            theDebugLog->log("Dumping status was not read: " + err.str());
+        }
+    } catch (const ExTraceable& e) {
+        throw KORVA_EXC_CAUSED_BY(DumpStatusError, e);
+    }
+}
+
+void RemoveAgentAction::execute() {
+    try {
+        std::ostringstream out;
+        std::ostringstream err;
+        // It runs inside the directory that it removes.
+        execRoot((ArgsBuilder("rm") << "-rf" << cfg().agent_dir).str(), out, err, false);
+    } catch (const ExTraceable& e) {  // the manager goes on without a tidy source host
+        theDebugLog->log(e);
+    }
+}
+
+void RemoveDumpingStatusAction::execute() {
+    // On this host, and by the path that it would have on the source host: the manager relies on both.
+    std::ignore = unlink(dumpingStatusPath().c_str());
+}
+
+}  // namespace korva
