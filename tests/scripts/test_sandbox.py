@@ -230,21 +230,23 @@ def test_it_works_with_a_terminal(top):
 # below it is shared with other namespaces, as on a machine that systemd has started.
 CHROOT = """
     set -e
-    root=$1 tree=$2
-    mount --make-rshared /
-    mkdir "$root"/{usr,var,dev,proc,tmp,run,root,tree}
+    base=$1 tree=$2 proc=$3 root=$1/root
+    "$tree/tests/sandbox/private-mounts"
+    mount --bind "$base" "$base"
+    mount --make-shared "$base"
+    mkdir -p "$root"/{usr,var/log,var/lib/sudo,dev,proc,tmp,run,root,tree}
     cp -a /etc "$root/etc"
     for link in bin sbin lib lib32 lib64 libx32; do
         [ ! -L "/$link" ] || cp -a "/$link" "$root"
     done
     for name in usr dev; do mount --rbind "/$name" "$root/$name"; done
     mount --bind "$tree" "$root/tree"
-    mkdir -p "$root"/var/{log,lib/sudo}
-    [ "$3" = no ] || mount -t proc proc "$root/proc"
+    [ "$proc" = no ] || mount -t proc proc "$root/proc"
     before=$(cat /proc/self/mountinfo)
-    chroot "$root" /tree/scripts/sandbox bash -c 'echo in; id -un 4711; mount -t tmpfs x /root; read -r line' <"$root/in" &
-    exec 9>"$root/in"
-    sleep 1
+    chroot "$root" /tree/scripts/sandbox bash -c \
+        'id -un 4711; mount -t tmpfs x /root; echo ready >&8; read -r line' <"$base/in" 8>"$base/out" &
+    exec 9>"$base/in"
+    read -r line <"$base/out"
     test "$before" = "$(cat /proc/self/mountinfo)"
     echo >&9
     wait $!
@@ -254,10 +256,9 @@ CHROOT = """
 
 @pytest.mark.parametrize("proc", ["yes", "no"])
 def test_it_works_in_a_chroot_that_is_no_mount_point(top, tmp_path, proc):
-    root = tmp_path / "root"
-    root.mkdir()
-    os.mkfifo(root / "in")
-    ended = subprocess.run(["unshare", "--mount", "bash", "-c", CHROOT, "bash", root, top, proc],
-                           capture_output=True, text=True, check=False, stdin=subprocess.DEVNULL)
-    shutil.rmtree(root)
-    assert (ended.stdout, ended.stderr, ended.returncode) == ("in\nmover\n", "", 0)
+    for name in ("in", "out"):
+        os.mkfifo(tmp_path / name)
+    ended = subprocess.run(["unshare", "--mount", "--propagation", "unchanged", "bash", "-c", CHROOT, "bash",
+                            tmp_path, top, proc], capture_output=True, text=True, check=False)
+    shutil.rmtree(tmp_path)
+    assert (ended.stdout, ended.stderr, ended.returncode) == ("mover\n", "", 0)
