@@ -75,23 +75,33 @@ int Channel::write(const char* data, unsigned size) {
         if (written != 0 && written != LIBSSH2_ERROR_EAGAIN) {
             return static_cast<int>(written);
         }
-        if (!isWritable(session_.socket())) {  // perhaps a packet is sent in part: repeat the very same call
+        if (isWritable(session_.socket())) {
+            relieve(++refusals);
+        } else {  // perhaps a packet is sent in part: only the very same call may follow
             waitForSocket(session_.socket(), kWakeUpMs);
             refusals = 0;
-            continue;
-        }
-        if (++refusals < 3) {
-            continue;
-        }
-        refusals = 0;  // the remote window is full, and no packet is under way
-        whenFull_();
-        if ((receiveEvents() & LIBSSH2_POLLFD_CHANNEL_CLOSED) != 0) {
-            inputHasNoReader_ = true;
-        } else {
-            waitForSocket(session_.socket(), kWakeUpMs);
         }
     }
     return static_cast<int>(size);
+}
+
+// `refusals`: how many writes in a row libssh2 has refused though the socket takes bytes. From the third on
+// the remote window is full and no packet is under way.
+void Channel::relieve(int refusals) {
+    constexpr int kWindowIsFull = 3;
+    constexpr int kOutputIsStuck = 6;
+    if (refusals < kWindowIsFull) {
+        return;
+    }
+    if (refusals % 2 != 0) {
+        whenFull_();
+        inputHasNoReader_ = (receiveEvents() & LIBSSH2_POLLFD_CHANNEL_CLOSED) != 0;
+        return;  // that may have brought a wider window: the next write is to look before anybody sleeps
+    }
+    // The write has just taken all from the socket. Output that it has queued is worth another round.
+    if (refusals >= kOutputIsStuck || !hasQueuedData()) {
+        waitForSocket(session_.socket(), kWakeUpMs);
+    }
 }
 
 void Channel::sendEof() {

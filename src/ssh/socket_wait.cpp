@@ -16,7 +16,7 @@ namespace {
 int waitFor(int fd, short events, int timeoutMs) {
     pollfd descriptor{fd, events, 0};
     const timespec timeout{timeoutMs / 1000, (timeoutMs % 1000) * 1000000L};
-    return ppoll(&descriptor, 1, &timeout, &mask);
+    return ppoll(&descriptor, 1, &timeout, &SignalHold::maskForWaits());
 }
 
 }  // namespace
