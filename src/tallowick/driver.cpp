@@ -8,6 +8,7 @@
 #include "tallowick/action_factory.h"
 #include "tallowick/exit_status.h"
 #include "tallowick/lifetime.h"
+#include "tallowick/option_errors.h"
 #include "tallowick/start_stop_logger.h"
 #include "tallowick/usage.h"
 #include "utils/ovn_conf.h"

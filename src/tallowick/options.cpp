@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "tallowick/options.h"
 
+#include "tallowick/option_errors.h"
 #include "utils/env_password.h"
 
 #include <getopt.h>
@@ -10,8 +11,6 @@
 
 namespace korva {
 namespace {
-
-constexpr const char* kSourceName = "./driver";
 
 // The values of action options are the action identifiers; -h shares its own.
 enum Option : int {
@@ -177,32 +176,12 @@ void applyOption(int opt, config& cfg) {
     }
 }
 
-[[noreturn]] void fail(const std::string& what) {
-    throw KORVA_EXC(OptParsingError) % what;
-}
-
-[[noreturn]] void req_action_argument_missed(const char* what) {
-    throw KORVA_EXC(OptParsingError) %
-        boost::str(boost::format("%s is required unless --help or -h requested\n") % what);
-}
-
-[[noreturn]] void invalid_option(const char* what) {
-    throw KORVA_EXC(OptParsingError) %
-        boost::str(boost::format("%1% is not allowed with --help or -h\n") % what);
-}
-
-[[noreturn]] void extra_option(const char* option, const char* action) {
-    throw KORVA_EXC(OptParsingError) %
-        boost::str(boost::format("'--%1%' only may be specified when '--%2%' is requested") % option %
-                   action);
-}
-
 void verifyActionIsOne(const config& cfg) {
     if (cfg.action == kNoAction) {
-        fail("No action given");
+        fail_parsing("No action given");
     }
     if (cfg.action == kSeveralActions) {
-        fail("More than one action is given");
+        fail_parsing("More than one action is given");
     }
 }
 
@@ -250,7 +229,7 @@ void verifyConnectionOptions(const config& cfg) {
         req_action_argument_missed("host");
     }
     if (cfg.port == -1) {
-        fail("port should be a number in [1, 65535] range");
+        fail_parsing("port should be a number in [1, 65535] range");
     }
     if (cfg.login.empty()) {
         req_action_argument_missed("login");
@@ -259,7 +238,7 @@ void verifyConnectionOptions(const config& cfg) {
         req_action_argument_missed("password");
     }
     if (cfg.sudo && !cfg.sudo_password_provided) {
-        fail("OVN_SUDO_PASSWORD environment variable is not provided with --sudo-password\n");
+        fail_parsing("OVN_SUDO_PASSWORD environment variable is not provided with --sudo-password\n");
     }
 }
 

@@ -1,12 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
-#include "commons/exception.h"
-
 #include <cstdint>
 #include <string>
-
-KORVA_ERROR_TAG(OptParsingError, "Unable to parse command line: %1%")
 
 namespace korva {
 
