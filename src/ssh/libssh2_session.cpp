@@ -50,7 +50,7 @@ bool meansLostConnection(int error) {
 // What libssh2 could not free stays reachable until the process ends, soon after: waiting for a remote
 // command that still runs would take as long as that command.
 void leaveToProcessEnd(LIBSSH2_SESSION* session) {
-    static std::vector<LIBSSH2_SESSION*> left;
+    static auto& left = *new std::vector<LIBSSH2_SESSION*>();  // outlives static destructors
     left.push_back(session);
 }
 
