@@ -97,16 +97,18 @@ int Ssh::exec(const std::string& command, std::ostream& out, std::ostream& err, 
 int Ssh::run(const RemoteRequest& request) {
     const SignalHold hold;
     category().debugStream() << "Executing " << request.command << " on the remote host";
-    int status = kStatusOfRefusedCommand;
-    if (const auto channel = session_->openExecChannel(request.command, libssh2pp::Channel::kNonBlocking)) {
-        RunningCommand command(*channel, request, *this);
-        command.sendInput();
-        channel->sendEof();
-        command.drainOutput();
-        status = command.waitForExitStatus();
-    }
+    const auto channel = session_->openExecChannel(request.command, libssh2pp::Channel::kNonBlocking);
+    const int status = channel ? runOn(*channel, request) : kStatusOfRefusedCommand;
     category().debugStream() << "Execution finished with return code " << status;
     return status;
+}
+
+int Ssh::runOn(libssh2pp::Channel& channel, const RemoteRequest& request) {
+    RunningCommand command(channel, request, *this);
+    command.sendInput();
+    channel.sendEof();
+    command.drainOutput();
+    return command.waitForExitStatus();
 }
 
 void Ssh::serveAlarm() {

@@ -15,6 +15,7 @@ namespace korva {
 class Socket;
 struct RemoteRequest;
 namespace libssh2pp {
+class Channel;
 class Session;
 }
 
@@ -88,6 +89,7 @@ class Ssh {
 
   private:
     int run(const RemoteRequest& request);
+    int runOn(libssh2pp::Channel& channel, const RemoteRequest& request);
     void startSession(const std::string& host, bool noEncryption, unsigned short port);
 
     Secrets secrets_;
