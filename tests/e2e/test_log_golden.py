@@ -1,0 +1,122 @@
+# SPDX-License-Identifier: Apache-2.0
+"""The whole log of some runs, line by line with level and category, against the files in golden/.
+
+`TALLOWICK_WRITE_GOLDEN=1` writes those files anew; look at the difference before you keep it.
+"""
+
+import os
+import pathlib
+import re
+import socket
+
+import pytest
+
+from harness.accounts import OWNER
+from harness.places import make_dir, write
+from harness.probe import execute, get, put
+from harness.program import source
+from harness.relay import FIN, Fault
+from harness.session import parse_log
+from harness.sshd import ALSO_OLD_KEY_EXCHANGE, KEYBOARD_INTERACTIVE, free_port
+
+GOLDEN = pathlib.Path(__file__).parent / "golden"
+
+# What differs from run to run or from library to library.
+PATTERNS = [
+    (re.compile(r"\b[0-9a-f]{8}-[0-9a-f]{4}-4[0-9a-f]{3}-8[0-9a-f]{3}-[0-9a-f]{12}\0"), "{id}"),
+    (re.compile(r"\baes\d+-(ctr|cbc)\b"), "{cipher}"),
+    (re.compile(r"(?<=SSH session was not started: ).+"), "{library}"),
+    (re.compile(r"(\[\./[\w.-]+):\d+\]\n[^\n]*\b\w+\([^\n]*(\n|$)"), r"\1:{line}]\n{function}\2"),
+]
+
+
+def normalised(records, replacements):
+    """The records as the golden files have them."""
+    text = "".join(f"{record.level} {record.category}: {record.text}\n" for record in records)
+    # Longer values first: one may be part of another.
+    for value, name in sorted(((str(value), name) for name, value in replacements.items()),
+                              key=lambda pair: -len(pair[0])):
+        text = text.replace(value, "{" + name + "}")
+    for pattern, replacement in PATTERNS:
+        text = pattern.sub(replacement, text)
+    return text
+
+
+def compare(name, records, **replacements):
+    """Compares records with a golden file."""
+    file = GOLDEN / f"{name}.log"
+    text = normalised(records, replacements)
+    if os.environ.get("TALLOWICK_WRITE_GOLDEN"):
+        file.write_text(text, encoding="utf-8")
+    assert text.splitlines() == file.read_text(encoding="utf-8").splitlines()
+
+
+def compare_run(name, run, **replacements):
+    compare(name, run.session.records, program=run.command[0], session=run.session.path, **replacements)
+
+
+def test_scout(tallowick, server):
+    run = tallowick.run("--send-scout", *source(server))
+    compare_run("send-scout", run, port=server.port)
+
+
+def test_failing_scout_through_sudo(tallowick, start_sshd, workspace):
+    tools = make_dir(workspace / "bin")
+    write(tools / "sudo", '#!/bin/sh\ncase "$*" in *perl) printf "oh dear" >&2; exit 3 ;; esac\n', 0o755)
+    server = start_sshd(path=f"{tools}:/usr/bin:/bin")
+    run = tallowick.run("--send-scout", "--sudo-password", *source(server, OWNER), password=OWNER.password,
+                        sudo_password="a sudo Password")
+    # How a masked input is logged is free; that nothing of it is told is not.
+    records = [record for record in run.session.records if not record.text.startswith("remote stdin <- ")]
+    compare("sudo", records, program=run.command[0], session=run.session.path, port=server.port)
+
+
+def test_dumping_status(tallowick, server, outbox):
+    write(outbox / "dumping-status.xml", "<status/>")
+    run = tallowick.run("--get-dumping-status", *source(server), f"--agent-dir={outbox}", "--agent-name=SomeAgent")
+    compare_run("get-dumping-status", run, port=server.port, agent=outbox)
+
+
+def test_compatibility_mode_and_keyboard_interactive(tallowick, start_sshd, start_relay):
+    server = start_sshd((*KEYBOARD_INTERACTIVE, *ALSO_OLD_KEY_EXCHANGE))
+    relay = start_relay(server, Fault(FIN, 0, connection=0))
+    run = tallowick.run("--send-scout", *source(relay))
+    compare_run("compatibility", run, port=relay.port)
+
+
+def test_wrong_password(tallowick, server):
+    run = tallowick.run("--send-scout", *source(server), password="wrong-Password-5")
+    compare_run("wrong-password", run, port=server.port)
+
+
+def test_refused_connection(tallowick):
+    port = free_port()
+    run = tallowick.run("--get-dumping-status", *source(port), "--agent-dir=/some/agent", "--agent-name=SomeAgent")
+    compare_run("refused-connection", run, port=port, agent="/some/agent")
+
+
+def test_unknown_host(tallowick):
+    with pytest.raises(socket.gaierror) as error:
+        socket.getaddrinfo("nowhere.invalid", "22")
+    run = tallowick.run("--send-scout", "--host=nowhere.invalid", "--login=mover")
+    compare_run("unknown-host", run, resolver=error.value.strerror)
+
+
+def test_validation_error(tallowick):
+    compare_run("validation-error", tallowick.run("--send-scout"))
+
+
+def test_every_operation_of_the_connection(probe, server, workspace, outbox):
+    local = write(workspace / "local", "some text")
+    run = probe.run(server, execute("cat", stdin=local, loud=True), execute("echo oops >&2", loud=True),
+                    put(local, outbox / "remote"), get(local, outbox / "remote"), options=["--no-encryption"])
+    assert run.statuses == [0, 0, 0, 0]
+    # The probe's layout has no date.
+    dated = re.sub(r"^(?=(DEBUG|INFO|ERROR) k\.)", "2000-01-01 00:00:00,000 ", run.log.decode(), flags=re.MULTILINE)
+    compare("probe", parse_log(dated), port=server.port, local=local, remote=outbox / "remote")
+
+
+def test_verbose_run_shows_the_same_on_the_console(tallowick, server):
+    run = tallowick.run("--send-scout", *source(server), "--verbose")
+    expected = "".join(f"{record.level} {record.category}: {record.text}\n" for record in run.session.records)
+    assert run.err == expected

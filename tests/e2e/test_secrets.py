@@ -1,0 +1,230 @@
+# SPDX-License-Identifier: Apache-2.0
+"""Neither password is ever written anywhere or seen in a process, whatever the remote side echoes."""
+
+import os
+import time
+
+import pytest
+
+from harness.accounts import MOVER, NOPASS, OWNER, PLAIN, SPACEY
+from harness.places import make_dir, write
+from harness.processes import all_pids, proc_bytes
+from harness.product import SMALL_SCOUT
+from harness.program import source
+from harness.waiting import wait_until
+
+MASK = "********"
+
+
+def assert_nowhere(run, *secrets, except_for=()):
+    """No file of the session, and nothing that the run printed, has one of the secrets."""
+    written = {"standard output": run.stdout, "standard error": run.stderr}
+    for directory, _, names in os.walk(run.session.path):
+        for name in names:
+            with open(os.path.join(directory, name), "rb") as file:
+                written[name] = file.read()
+    for where, content in written.items():
+        for secret in secrets:
+            assert where in except_for or secret.encode() not in content, f"a secret stands in {where}"
+
+
+def cases():
+    """(account, sudo password or None for no sudo, whether that is the right one)"""
+    return [pytest.param(MOVER, None, id="no sudo"),
+            pytest.param(MOVER, MOVER.sudo_password, id="asked for root's password"),
+            pytest.param(OWNER, OWNER.sudo_password, id="asked for its own password"),
+            pytest.param(SPACEY, SPACEY.sudo_password, id="password with blanks"),
+            pytest.param(NOPASS, NOPASS.sudo_password, id="not asked"),
+            pytest.param(OWNER, "wrong-Sudo-Password-1", id="wrong"),
+            pytest.param(OWNER, "wrong sudo Password with blanks", id="wrong with blanks"),
+            pytest.param(PLAIN, PLAIN.password, id="not in sudoers")]
+
+
+@pytest.mark.parametrize("account, sudo_password", cases())
+@pytest.mark.parametrize("action", ["--send-scout", "--get-dumping-status", "--remove-agent"])
+def test_no_action_writes_a_password_anywhere(tallowick, server, workspace, action, account, sudo_password):
+    agent = make_dir(workspace / "agent", 0o777)
+    write(agent / "dumping-status.xml", "<status/>")
+    arguments = [action, *source(server, account), "--verbose"]
+    if action != "--send-scout":
+        arguments += [f"--agent-dir={agent}", "--agent-name=a"]
+    if sudo_password is not None:
+        arguments.append("--sudo-password")
+    run = tallowick.run(*arguments, password=account.password, sudo_password=sudo_password)
+    assert_nowhere(run, account.password, *([sudo_password] if sudo_password else []))
+
+
+def test_log_is_at_debug_level_when_this_is_checked(tallowick, server):
+    assert "DEBUG k.Ssh: " in tallowick.run("--send-scout", *source(server)).session.log
+
+
+def test_refused_login_password_is_written_nowhere(tallowick, server):
+    run = tallowick.run("--send-scout", *source(server), "--verbose", password="wrong Login Password")
+    assert run.status == 17
+    assert_nowhere(run, "wrong Login Password", "Login Password")
+
+
+def test_validation_errors_tell_no_password(tallowick):
+    run = tallowick.run("--send-scout", "--sudo-password", password="some-Login-1", sudo_password="some-Sudo-1")
+    assert run.status == 1
+    assert_nowhere(run, "some-Login-1", "some-Sudo-1")
+
+
+def test_password_line_that_perl_quotes_in_its_error_is_masked(tallowick, server):
+    run = tallowick.run("--send-scout", "--sudo-password", *source(server, NOPASS), password=NOPASS.password,
+                        sudo_password=NOPASS.password)
+    assert run.status == 2
+    assert "syntax error" in run.err
+    assert_nowhere(run, NOPASS.password, "nopass-Pass")
+
+
+@pytest.mark.parametrize("password", ["open sesame Sudo-Word", "print sudoWord:Sesame;", "a  two--blanks--Word  x"])
+def test_parts_of_a_password_with_blanks_are_masked_too(tallowick, server, password):
+    run = tallowick.run("--send-scout", "--sudo-password", *source(server, NOPASS), password=NOPASS.password,
+                        sudo_password=password)
+    parts = [part for part in password.split() if len(part) >= 4]
+    assert_nowhere(run, password, *[part for part in parts if part not in ("open", "print")],
+                   except_for=("scout-result.xml",))
+
+
+@pytest.fixture
+def echo_sudo(workspace, start_sshd):
+    """A server whose sudo permits everything and leaves all input to a command of the test's choice."""
+    def make(command):
+        tools = make_dir(workspace / "bin")
+        write(tools / "sudo", f'#!/bin/sh\ncase "$*" in *perl) {command} ;; esac\n', 0o755)
+        return start_sshd(path=f"{tools}:/usr/bin:/bin")
+
+    return make
+
+
+def send(tallowick, server, sudo_password, account=OWNER):
+    return tallowick.run("--send-scout", "--sudo-password", *source(server, account), "--verbose",
+                         password=account.password, sudo_password=sudo_password)
+
+
+def test_echo_of_the_whole_input_is_masked_in_message_and_log(tallowick, echo_sudo):
+    run = send(tallowick, echo_sudo("cat >&2; exit 1"), "the-Sudo-Password")
+    assert run.status == 2
+    assert f"{MASK}\n{SMALL_SCOUT}" in run.err
+    assert f"remote stderr -> {MASK}\n" in run.session.log
+    assert_nowhere(run, "the-Sudo-Password", OWNER.password)
+
+
+def test_echo_of_the_login_password_is_masked_as_well(tallowick, echo_sudo):
+    run = send(tallowick, echo_sudo(f"echo {OWNER.password} >&2; exit 1"), "the-Sudo-Password")
+    assert run.err.endswith(f"The output on STDERR is\n{MASK}\n")
+    assert_nowhere(run, OWNER.password, "the-Sudo-Password")
+
+
+def test_echo_of_the_login_password_is_masked_without_sudo(tallowick, product, server):
+    product.set_scout(f"print STDERR q({MOVER.password}), qq(\\n); exit 1;")
+    run = tallowick.run("--send-scout", *source(server))
+    assert run.err.endswith(f"The output on STDERR is\n{MASK}\n")
+    assert_nowhere(run, MOVER.password)
+
+
+def test_echo_of_single_parts_is_masked(tallowick, echo_sudo):
+    run = send(tallowick, echo_sudo("echo 'near \"Words-Two\"' >&2; exit 1"), "Words-One Words-Two xyz")
+    assert f'near "{MASK}"' in run.err
+    assert_nowhere(run, "Words-Two")
+
+
+def test_short_parts_are_left_alone(tallowick, echo_sudo):
+    run = send(tallowick, echo_sudo("echo 'near xyz at' >&2; exit 1"), "Words-One Words-Two xyz at")
+    assert "near xyz at" in run.err
+
+
+def test_empty_sudo_password_masks_nothing(tallowick, echo_sudo):
+    run = send(tallowick, echo_sudo("echo plain words >&2; exit 1"), "")
+    assert "plain words" in run.err
+    assert MASK not in run.err + run.session.log
+
+
+@pytest.mark.parametrize("before", [0, 1, 5, 65520, 65525, 65530, 65535, 65536])
+@pytest.mark.parametrize("split", [1, 8, 16])
+def test_password_cut_by_a_chunk_border_is_masked(tallowick, start_scripted, before, split):
+    secret = "the-Sudo-Password"
+
+    def run(command):
+        if b"perl" not in command.command:
+            command.exit(0)
+            return
+        command.err(b"x" * before + secret[:split].encode())
+        # Long enough for the first part to be read, and logged, alone.
+        time.sleep(0.3)
+        command.err(secret[split:].encode() + b" and more\n")
+        command.exit(1)
+
+    result = send(tallowick, start_scripted(run=run), secret)
+    assert result.status == 2
+    assert f"{MASK} and more" in result.err
+    assert_nowhere(result, secret)
+
+
+def test_password_that_drips_byte_by_byte_is_masked(tallowick, echo_sudo):
+    server = echo_sudo("for c in t h e - S u d o - P a s s; do printf %s $c >&2; sleep 0.05; done; echo >&2; exit 1")
+    run = send(tallowick, server, "the-Sudo-Pass")
+    assert MASK in run.err
+    assert_nowhere(run, "the-Sudo-Pass")
+    log = "".join(line.partition("remote stderr -> ")[2] for line in run.session.log.splitlines()
+                  if "remote stderr -> " in line)
+    assert "the-Sudo-Pass" not in log
+
+
+def test_start_of_a_password_that_never_ends_is_still_shown(tallowick, echo_sudo):
+    run = send(tallowick, echo_sudo("printf 'end: the-Su' >&2; exit 1"), "the-Sudo-Password")
+    assert run.err.endswith("end: the-Su")
+    assert "end: the-Su" in "".join(line.partition("remote stderr -> ")[2]
+                                    for line in run.session.log.splitlines() if "remote stderr -> " in line)
+
+
+def test_stored_report_is_never_masked(tallowick, echo_sudo):
+    run = send(tallowick, echo_sudo("cat"), "the-Sudo-Password")
+    assert run.status == 0
+    assert run.session.scout_result == f"the-Sudo-Password\n{SMALL_SCOUT}".encode()
+    assert_nowhere(run, "the-Sudo-Password", except_for=("scout-result.xml",))
+
+
+def test_echo_on_standard_output_is_masked_in_the_log(tallowick, product, server):
+    product.set_scout(f"print q(before {MOVER.password} after);")
+    run = tallowick.run("--send-scout", *source(server))
+    assert run.status == 0
+    assert run.session.scout_result == f"before {MOVER.password} after".encode()
+    assert_nowhere(run, MOVER.password, except_for=("scout-result.xml",))
+
+
+def test_rest_of_the_input_may_be_logged_but_not_its_password_line(tallowick, echo_sudo):
+    run = send(tallowick, echo_sudo("cat >/dev/null"), "the-Sudo-Password")
+    assert run.status == 0
+    assert_nowhere(run, "the-Sudo-Password", "the-Sudo")
+
+
+@pytest.mark.parametrize("account, sudo", [(MOVER, False), (MOVER, True), (SPACEY, True)],
+                         ids=["no sudo", "sudo", "sudo with blanks"])
+def test_no_process_shows_a_password_while_the_scout_runs(tallowick, product, server, outbox, account, sudo):
+    product.set_scout(f"open F, q(>{outbox}/running); close F; "
+                      f"until (-e '{outbox}/go') {{ select undef, undef, undef, 0.05 }}")
+    os.chmod(outbox, 0o777)
+    extra = ["--sudo-password"] if sudo else []
+    running = tallowick.start("--send-scout", *source(server, account), *extra, password=account.password,
+                              sudo_password=account.sudo_password)
+    wait_until((outbox / "running").exists, "the scout")
+    seen = {}
+    for pid in all_pids():
+        for name in ("cmdline", "environ", "comm"):
+            seen[f"{proc_bytes(pid, 'comm').decode().strip()}[{pid}] {name}"] = proc_bytes(pid, name)
+    (outbox / "go").touch()
+    assert running.wait().status == 0
+    assert len(seen) > 9
+    for where, content in seen.items():
+        for secret in {account.password, account.sudo_password}:
+            assert secret.encode() not in content, f"a password stands in {where}"
+
+
+def test_rejected_password_is_in_no_document_of_the_server_side_either(tallowick, server):
+    run = tallowick.run("--send-scout", "--sudo-password", *source(server, OWNER), password=OWNER.password,
+                        sudo_password="wrong-Sudo-Password-2")
+    assert run.status == 2
+    assert b"wrong-Sudo-Password-2" not in b"".join(server.commands())
+    assert "wrong-Sudo-Password-2" not in server.log()
