@@ -1,0 +1,104 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "xml/xml_parse.h"
+
+#include "xml/libxml_scope.h"
+
+#include <libxml/xpathInternals.h>
+
+#include <cstdarg>
+#include <cstdio>
+
+namespace korva {
+namespace {
+
+constexpr const char* kSourceName = "./xml_parse";
+
+xmlXPathContextPtr newContext(xmlDocPtr doc, xmlNodePtr contextNode) {
+    xmlXPathContextPtr context = xmlXPathNewContext(doc);
+    if (context == nullptr) {
+        throw KORVA_EXC(AssertionFailed) % "xpathCtx_.get() != NULL";
+    }
+    context->node = contextNode;
+    return context;
+}
+
+xmlXPathObjectPtr evaluate(const std::string& expression, xmlXPathContextPtr context) {
+    const LibxmlScope libxml;
+    xmlXPathObjectPtr result =
+        xmlXPathEvalExpression(reinterpret_cast<const xmlChar*>(expression.c_str()), context);
+    if (result == nullptr) {
+        throw KORVA_EXC(tError_XPath_CantEvaluate) % expression;
+    }
+    return result;
+}
+
+}  // namespace
+
+// NOLINTNEXTLINE(cert-dcl50-cpp): libxml2 prescribes it
+void libxmlErrorHandler(void* context, const char* format, ...) {
+    va_list arguments;
+    va_list again;
+    va_start(arguments, format);
+    va_copy(again, arguments);
+    const int length = std::vsnprintf(nullptr, 0, format, arguments);
+    if (length > 0) {
+        try {
+            std::string message(static_cast<std::string::size_type>(length), '\0');
+            std::vsnprintf(message.data(), message.size() + 1, format, again);
+            *static_cast<std::string*>(context) += message;
+        } catch (...) {
+            // Out of memory: no exception may pass through libxml2, and it reports the failure by its result.
+        }
+    }
+    va_end(again);
+    va_end(arguments);
+}
+
+xmlNodePtr getXmlChild(xmlNodePtr node, const std::string& name) {
+    if (node == nullptr) {
+        throw KORVA_EXC(AssertionFailed) % "node != NULL";
+    }
+    xmlNodePtr child = xmlFirstElementChild(node);
+    while (child != nullptr && !tXmlDvxDocument::stringEq(child->name, name)) {
+        child = xmlNextElementSibling(child);
+    }
+    return child;
+}
+
+tXPathExpr::tXPathExpr(const tXmlDocument& document, const std::string& expression, xmlNodePtr contextNode)
+    : doc_(document.doc()),
+      expression_(expression),
+      xpathCtx_(newContext(doc_.get(), contextNode)),
+      result_(evaluate(expression_, xpathCtx_.get())) {}
+
+std::string tXPathExpr::str() const {
+    const std::unique_ptr<xmlChar, void (*)(void*)> text(xmlXPathCastToString(result_.get()), xmlFree);
+    return text != nullptr ? reinterpret_cast<const char*>(text.get()) : "";
+}
+
+tXPathExpr::operator bool() const {
+    return xmlXPathCastToBoolean(result_.get()) != 0;
+}
+
+int foreach_xmlnode(const tXPathExpr& expr, tXmlOperator& xmlOperator, tErrorFunc errorFunc) {
+    if (expr.result()->type != XPATH_NODESET) {
+        throw KORVA_EXC(tError_XPath_TypesMismatch) % expr.expression() % "nodeset";
+    }
+    xmlNodeSetPtr nodes = expr.result()->nodesetval;
+    if (nodes == nullptr) {
+        errorFunc(KORVA_EXC(tError_XmlInternal) %
+                  ("Can not evaluate XPath expression: " + expr.expression()));
+        return 0;
+    }
+    xmlXPathNodeSetSort(nodes);
+    for (int index = 0; index < nodes->nodeNr; ++index) {
+        try {
+            xmlOperator.act(nodes->nodeTab[index]);
+        } catch (const ExTraceable& error) {
+            errorFunc(error);
+        }
+    }
+    return 1;
+}
+
+}  // namespace korva

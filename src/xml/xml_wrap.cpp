@@ -1,0 +1,297 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "xml/xml_wrap.h"
+
+#include "commons/filesystem.h"
+#include "commons/system_error.h"
+#include "commons/xml_text.h"
+#include "xml/libxml_scope.h"
+#include "xml/panel_owner.h"
+#include "xml/xml_parse.h"
+#include "xml/xml_reader.h"
+
+#include <libxml/encoding.h>
+#include <libxml/xmlIO.h>
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <iostream>
+#include <string_view>
+
+namespace korva {
+namespace {
+
+constexpr const char* kSourceName = "./xml_wrap";
+
+const xmlChar* toXml(const std::string& text) {
+    return reinterpret_cast<const xmlChar*>(text.c_str());
+}
+
+std::string fromXml(const xmlChar* text) {
+    return text != nullptr ? reinterpret_cast<const char*>(text) : "";
+}
+
+xmlNodePtr orThrow(xmlNodePtr node) {
+    if (node == nullptr) {
+        throw KORVA_EXC(tError_XmlInternal) % "#0002: Can not create new node";
+    }
+    return node;
+}
+
+/// xmlAddChild() for a node that is ours until it succeeds.
+xmlNodePtr append(xmlNodePtr parent, xmlNodePtr child) {
+    xmlNodePtr added = xmlAddChild(parent, orThrow(child));
+    if (added == nullptr) {
+        xmlFreeNode(child);
+    }
+    return orThrow(added);
+}
+
+void requireFileName(const char* filename) {
+    if (filename == nullptr) {
+        throw KORVA_EXC(AssertionFailed) % "filename != NULL";
+    }
+    if (*filename == '\0') {
+        throw KORVA_EXC(AssertionFailed) % "*filename != 0";
+    }
+}
+
+extern "C" int appendToString(void* context, const char* bytes, int count) {
+    try {
+        static_cast<std::string*>(context)->append(bytes, static_cast<std::string::size_type>(count));
+        return count;
+    } catch (...) {  // no exception may pass through libxml2; the save fails by this result
+        return -1;
+    }
+}
+
+const char* encodingOf(const xmlDoc& doc) {
+    return reinterpret_cast<const char*>(doc.encoding);
+}
+
+/// Closes the buffer. False when not everything has gone through it.
+bool dump(const std::shared_ptr<xmlDoc>& doc, xmlOutputBufferPtr buffer) {
+    return xmlSaveFileTo(buffer, doc.get(), encodingOf(*doc)) >= 0;
+}
+
+bool serialise(const std::shared_ptr<xmlDoc>& doc, std::string& bytes) {
+    const LibxmlScope libxml;
+    xmlCharEncodingHandlerPtr encoder = nullptr;
+    if (encodingOf(*doc) != nullptr) {
+        encoder = xmlFindCharEncodingHandler(encodingOf(*doc));
+        if (encoder == nullptr) {
+            return false;
+        }
+    }
+    return dump(doc, xmlOutputBufferCreateIO(&appendToString, nullptr, &bytes, encoder));
+}
+
+bool writeAll(int fd, std::string_view bytes) {
+    while (!bytes.empty()) {
+        const ssize_t written = ::write(fd, bytes.data(), bytes.size());
+        if (written > 0) {
+            bytes.remove_prefix(static_cast<std::string_view::size_type>(written));
+        } else if (written == 0 || errno != EINTR) {
+            return false;
+        }
+    }
+    return true;
+}
+
+bool writeFile(const char* fileName, const std::string& bytes) {
+    const int fd = ::open(fileName, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
+    if (fd == -1) {
+        return false;
+    }
+    const bool written = writeAll(fd, bytes);
+    return ::close(fd) == 0 && written;
+}
+
+void flush(const std::string& path) {
+    try {
+        syncFileAndDirectory(path);
+    } catch (const SystemError&) {  // the error for a save has no place for more than the name
+        throw KORVA_EXC(tError_SaveFile) % path;
+    }
+}
+
+}  // namespace
+
+tXmlDocument::tXmlDocument() {
+    createNewDoc();
+}
+
+tXmlDocument::tXmlDocument(const char* fileName) {
+    readFromFile(fileName);
+}
+
+tXmlDocument::tXmlDocument(const std::filesystem::path& fileName) {
+    readFromFile(fileName.c_str());
+}
+
+tXmlDocument::tXmlDocument(const std::string& content) {
+    if (content.empty()) {
+        throw KORVA_EXC(AssertionFailed) % "content.size()";
+    }
+    std::string messages;
+    doc_ = parseXmlText(content, messages);
+    if (doc_ == nullptr) {
+        throw KORVA_EXC(tError_ParseFile) % "in memory" % messages;
+    }
+}
+
+tXmlDocument::~tXmlDocument() = default;
+
+void tXmlDocument::createNewDoc() {
+    xmlDocPtr doc = xmlNewDoc(reinterpret_cast<const xmlChar*>("1.0"));
+    if (doc == nullptr) {
+        throw KORVA_EXC(tError_XmlInternal) % "#0001: Can not create new XML document.";
+    }
+    doc_.reset(doc, &xmlFreeDoc);
+}
+
+void tXmlDocument::readFromFile(const char* fileName) {
+    requireFileName(fileName);
+    if (!check_input_file(fileName)) {
+        throw KORVA_EXC(tError_WrongInputFile) % fileName;
+    }
+    std::string messages;
+    std::shared_ptr<xmlDoc> doc = parseXmlFile(fileName, messages);
+    if (doc == nullptr) {
+        throw KORVA_EXC(tError_ParseFile) % fileName % messages;
+    }
+    doc_ = std::move(doc);
+}
+
+void tXmlDocument::saveToFile(const char* fileName) const {
+    requireFileName(fileName);
+    // Not xmlSaveFile(): it does not notice when what stands in stdio's buffer cannot be written.
+    std::string bytes;
+    if (!serialise(doc_, bytes) || !writeFile(fileName, bytes)) {
+        throw KORVA_EXC(tError_SaveFile) % fileName;
+    }
+}
+
+void tXmlDocument::saveToFile(const std::string& fileName) const {
+    saveToFile(fileName.c_str());
+}
+
+void tXmlDocument::saveToStdout() const {
+    saveToStream(std::cout);
+}
+
+void tXmlDocument::saveToFileAtomically(const std::filesystem::path& path, Durability durability) const {
+    const std::string temporary = DVX_getTempFileName(path.parent_path().string(), path.filename().string());
+    saveToFile(temporary);
+    giveToPanel(temporary);
+    if (durability == Durability::kFlushed) {
+        flush(temporary);  // before the rename, or a power failure could leave an empty file under the name
+    }
+    if (std::rename(temporary.c_str(), path.c_str()) != 0) {
+        throw KORVA_EXC(CantRenameFile) % temporary % path.string() % std::strerror(errno);
+    }
+    if (durability == Durability::kFlushed) {
+        flush(path.string());  // the directory holds the new name
+    }
+}
+
+void tXmlDocument::saveToStream(std::ostream& stream) const {
+    std::string bytes;
+    if (!serialise(doc_, bytes) || !(stream << bytes << std::flush)) {
+        throw KORVA_EXC(tError_SaveFile) % "stream";
+    }
+}
+
+void tXmlDocument::saveToBuffer(xmlOutputBufferPtr outputBuffer) const {
+    const LibxmlScope libxml;
+    if (!dump(doc_, outputBuffer)) {
+        throw KORVA_EXC(tError_SaveFile) % "buffer";
+    }
+}
+
+void tXmlDvxDocument::initFileDoc(const std::string& rootName) {
+    xmlNodePtr found = xmlDocGetRootElement(doc().get());
+    if (found == nullptr) {
+        throw KORVA_EXC(tError_EmptyDoc) % rootName;
+    }
+    if (!stringEq(found->name, rootName)) {
+        throw KORVA_EXC(tError_WrongDoc) % rootName % fromXml(found->name);
+    }
+    root_ = found;
+}
+
+void tXmlDvxDocument::initNewDoc(const std::string& rootName) {
+    root_ = orThrow(xmlNewDocNode(doc().get(), nullptr, toXml(rootName), nullptr));
+    xmlDocSetRootElement(doc().get(), root_);
+}
+
+xmlNodePtr tXmlDvxDocument::newChild(xmlNodePtr parent, const std::string& name) {
+    return append(parent, xmlNewDocNode(doc().get(), nullptr, toXml(name), nullptr));
+}
+
+xmlNodePtr tXmlDvxDocument::newTextChild(xmlNodePtr parent, const std::string& name,
+                                         const std::string& text) {
+    if (parent == nullptr) {
+        return nullptr;
+    }
+    return orThrow(xmlNewTextChild(parent, nullptr, toXml(name), toXml(toXmlText(text))));
+}
+
+xmlNodePtr tXmlDvxDocument::newCDataBlock(xmlNodePtr parent, const std::string& text) {
+    const std::string xmlText = toXmlText(text);
+    return append(parent, xmlNewCDataBlock(doc().get(), toXml(xmlText), static_cast<int>(xmlText.size())));
+}
+
+xmlNodePtr tXmlDvxDocument::newText(xmlNodePtr parent, const std::string& text) {
+    return append(parent, xmlNewDocText(doc().get(), toXml(toXmlText(text))));
+}
+
+void tXmlDvxDocument::addAttribute(xmlNodePtr node, const std::string& name, const std::string& value) {
+    if (xmlSetProp(node, toXml(name), toXml(toXmlText(value))) == nullptr) {
+        throw KORVA_EXC(tError_XmlInternal) % "#0002: Can not create new node";
+    }
+}
+
+// Joined here and not by xmlNodeListGetString(), which takes quadratic time for many pieces. References to
+// entities do not occur: the reader refuses their declarations, and the five of XML itself are replaced
+// there.
+std::string tXmlDvxDocument::getNodeText(const xmlNode* node) {
+    std::string text;
+    for (const xmlNode* child = node->children; child != nullptr; child = child->next) {
+        if (child->type == XML_TEXT_NODE || child->type == XML_CDATA_SECTION_NODE) {
+            text += fromXml(child->content);
+        }
+    }
+    return text;
+}
+
+std::optional<std::string> tXmlDvxDocument::findAttribute(const xmlNode* node, const std::string& name) {
+    const std::unique_ptr<xmlChar, void (*)(void*)> value(xmlGetNoNsProp(node, toXml(name)), xmlFree);
+    return value != nullptr ? std::optional(fromXml(value.get())) : std::nullopt;
+}
+
+std::string tXmlDvxDocument::getAttribute(const xmlNode* node, const std::string& name) {
+    std::optional<std::string> value = findAttribute(node, name);
+    if (!value) {
+        throw KORVA_EXC(NoSuchAttribute) % fromXml(node->name) % name;
+    }
+    return *std::move(value);
+}
+
+xmlNodePtr tXmlDvxDocument::getRootNodeChild(const std::string& name) const {
+    xmlNodePtr child = getXmlChild(root_, name);
+    if (child == nullptr) {
+        throw KORVA_EXC(tError_WrongContent) %
+            ("Can not find '" + name + "' element in '" + fromXml(root_->name) + "' element.");
+    }
+    return child;
+}
+
+bool tXmlDvxDocument::stringEq(const xmlChar* xmlText, const std::string& string) {
+    return xmlText != nullptr && string == reinterpret_cast<const char*>(xmlText);
+}
+
+}  // namespace korva
