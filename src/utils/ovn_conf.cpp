@@ -82,7 +82,7 @@ class Line {
 
     /// Reads the next line with its newline. False at the end of the file and when reading fails.
     bool read(std::FILE* file) { return ::getline(&text_, &capacity_, file) != -1; }
-    const char* text() const { return text_; }
+    char* text() { return text_; }
 
   private:
     char* text_ = nullptr;
@@ -101,14 +101,14 @@ bool isEndOrComment(char c) {
     return c == '\0' || c == '#';
 }
 
-const char* skipSpaces(const char* text) {
+char* skipSpaces(char* text) {
     while (isSpace(*text)) {
         ++text;
     }
     return text;
 }
 
-const char* skipName(const char* text) {
+char* skipName(char* text) {
     while (isNameCharacter(*text)) {
         ++text;
     }
@@ -117,9 +117,9 @@ const char* skipName(const char* text) {
 
 // Existing configuration files rely on this rule: an odd run of white space at the end is cut at its last
 // character, an even run stays whole, newline included.
-const char* endOfValue(const char* value) {
-    const char* marker = nullptr;
-    const char* position = value + 1;
+char* endOfValue(char* value) {
+    char* marker = nullptr;
+    char* position = value + 1;
     for (; !isEndOrComment(*position); ++position) {
         marker = isSpace(*position) && marker == nullptr ? position : nullptr;
     }
@@ -136,23 +136,24 @@ const char* keepString(const char* text, conf_data* conf) {
     return conf->strings.emplace_front(text).c_str();
 }
 
-int setFromLine(const char* line, conf_data* conf) {
-    const char* name = skipSpaces(line);
+int setFromLine(char* line, conf_data* conf) {
+    char* name = skipSpaces(line);
     if (isEndOrComment(*name)) {
         return 0;
     }
-    const char* nameEnd = skipName(name);
+    char* nameEnd = skipName(name);
     if (!isSpace(*nameEnd)) {
         logUtility("Invalid variable definition %s\nExpected a space after variable name\n", name);
         return 0;
     }
-    const char* value = skipSpaces(nameEnd);
+    char* value = skipSpaces(nameEnd);
     if (isEndOrComment(*value)) {
         logUtility("Invalid variable definition %s\nExpected a value", name);
         return 0;
     }
-    return conf_set_r(std::string(name, nameEnd).c_str(), std::string(value, endOfValue(value)).c_str(),
-                      conf);
+    *nameEnd = '\0';
+    *endOfValue(value) = '\0';
+    return conf_set_r(name, value, conf);
 }
 
 int readLines(std::FILE* file, conf_data* conf) {
