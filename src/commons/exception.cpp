@@ -27,7 +27,7 @@ const char* ExTraceable::what() const noexcept {
     try {
         boost::format filled = format_;
         for (int position = filled.fed_args() + 1; position <= filled.expected_args(); ++position) {
-            filled % ("%" + std::to_string(position) + "%");
+            filled % std::string("%").append(std::to_string(position)).append("%");
         }
         message_ = toXmlText(filled.str());
         return message_.c_str();
