@@ -69,8 +69,8 @@ def points_of(stream, full, dense, seed):
     later = range(4096, stream)
     if full:
         return [*range(0, 4096, 8), *sorted(numbers.sample(later, min(dense, len(later))))]
-    return sorted({0, 1, 21, stream - 1, *numbers.sample(range(0, 4096), 10),
-                   *numbers.sample(later, min(6, len(later)))})
+    return sorted({0, 1, 21, stream - 1, *numbers.sample(range(0, 4096), 24),
+                   *numbers.sample(later, min(dense, len(later)))})
 
 
 def length_of_stream(tallowick, server, action):
@@ -119,7 +119,7 @@ def test_connection_cut_at_any_byte_ends_the_run_with_an_honest_status(request, 
         numbers = random.Random(seed)
         cuts = [(kind, at) for at in sorted(numbers.sample(range(stream), 100)) for kind in KINDS]
     else:
-        cuts = list(zip(KINDS * 100, points_of(stream, full, 6, seed)))
+        cuts = list(zip(KINDS * 100, points_of(stream, full, 12, seed)))
     with concurrent.futures.ThreadPoolExecutor(max_workers=2) as workers:
         complaints = list(workers.map(lambda each: cut(tallowick, server, action, *each), cuts))
     complaints = [complaint for complaint in complaints if complaint]

@@ -36,7 +36,7 @@ def test_run_leaves_the_documented_files(tallowick, server):
 
 
 def test_script_is_the_input_of_the_remote_interpreter(tallowick, product, server):
-    product.set_scout("print uc while <DATA>;\nprint getpwuid($<), qq(\\n);\n__DATA__\nthe rest of the input\n")
+    product.set_scout("print uc while <DATA>;\nprint scalar(getpwuid($<)), qq(\\n);\n__DATA__\nthe rest of the input\n")
     run = tallowick.run("--send-scout", *source(server))
     assert run.session.scout_result == b"THE REST OF THE INPUT\nmover\n"
 

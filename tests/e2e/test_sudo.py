@@ -13,7 +13,7 @@ from harness.program import source
 VERSION = b"sudo -V"
 TEST = b"sudo -k; sudo -S -p ' ' true"
 SCOUT = rb"sh -c cd\ \;\ sudo\ -k\;\ sudo\ -S\ -p\ \'\ \'\ perl"
-WHO = "print getpwuid($<), qq(\\n); print while <DATA>;\n__DATA__\nthe rest\n"
+WHO = "print scalar(getpwuid($<)), qq(\\n); print while <DATA>;\n__DATA__\nthe rest\n"
 
 
 def send(tallowick, server, account, sudo_password, **options):

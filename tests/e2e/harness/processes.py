@@ -46,11 +46,6 @@ def proc_bytes(pid, name):
         return b""
 
 
-def all_pids():
-    """Every process of the sandbox."""
-    return sorted(_parents())
-
-
 def peak_resident_kib(pid):
     """The process's own peak of resident memory so far; 0 when it has ended."""
     for line in proc_bytes(pid, "status").splitlines():

@@ -7,7 +7,7 @@ import socket
 import subprocess
 
 from harness.places import make_dir, write
-from harness.processes import kill_tree
+from harness.processes import descendants, kill_tree
 from harness.waiting import wait_until
 
 _PAM = "auth required pam_unix.so nodelay\naccount required pam_unix.so\nsession required pam_permit.so\n"
@@ -103,6 +103,10 @@ class SshServer:
         self._record.write_bytes(b"")
         if self._log.exists():
             self._log.write_bytes(b"")
+
+    def pids(self):
+        """The processes of the server, of its connections and of what runs on them."""
+        return [self._process.pid, *descendants(self._process.pid)]
 
     def stop(self):
         """Ends the server, its connections and the commands that still run on them."""
