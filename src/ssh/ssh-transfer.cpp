@@ -26,10 +26,9 @@ constexpr const char* kSourceName = "./ssh-transfer";
 
 constexpr int kStatusOfRefusedCommand = 255;
 
-// The length asked of libssh2 at once. It is what widens libssh2's receive window, so downloads ask for
-// more than the 65536 bytes of other commands.
+// The length asked of libssh2 at once, for downloads too: a read that asks for more than the window was opened
+// with makes libssh2 1.10 announce a negative window when it is interrupted by a change of keys.
 constexpr std::size_t kReadSize = 65536;
-constexpr std::size_t kDownloadReadSize = 1048576;
 
 log4cpp::Category& category() {
     return log4cpp::Category::getInstance("k.Ssh");
@@ -121,7 +120,7 @@ int Ssh::get(std::ostream& out, std::ostream& err, const std::string& remotePath
     category().debugStream() << "Reading data from the remote file " << remotePath;
     const std::string command = boost::str(boost::format("cat %1%") % sh_quote(remotePath));
     std::istringstream noInput;
-    const int status = run({command, noInput, out, err, true, true, counter, kDownloadReadSize});
+    const int status = run({command, noInput, out, err, true, true, counter, kReadSize});
     if (status == 0 && !out.flush()) {  // the last bytes count as well
         throw KORVA_EXC(StreamWrite);
     }

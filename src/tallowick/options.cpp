@@ -279,6 +279,7 @@ bool parse_options(int argc, char** argv, config* cfg) {
         applyOption(opt == 'h' ? static_cast<int>(kHelp) : opt, *cfg);
     }
     cfg->password = get_env_noncrypted_password();
+    forgetSudoPassword();
     return true;
 }
 

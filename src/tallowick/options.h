@@ -57,7 +57,7 @@ struct config {
 /// Whether `option` is one of the action identifiers 0..8.
 bool isAction(int option);
 
-/// Fills `cfg` from the command line and the environment, from which it removes OVN_PASSWORD. False when
+/// Fills `cfg` from the command line and the environment, from which it removes the passwords. False when
 /// the scanner found an error, which it has told on standard error. Rules are checked by verify_options().
 bool parse_options(int argc, char** argv, config* cfg);
 
