@@ -2,7 +2,6 @@
 #include "commons/secret_mask.h"
 
 #include <algorithm>
-#include <utility>
 
 namespace korva {
 namespace {
@@ -10,16 +9,18 @@ namespace {
 constexpr std::string_view kBlanks = " \t\r\n\v\f";
 constexpr std::size_t kShortestPart = 4;
 
-// Each run of covered bytes becomes one mark, so that nothing tells how long a secret is.
-std::string hideCovered(std::string_view text, const std::vector<bool>& covered) {
+// Each run of covered bytes becomes one mark, so that nothing tells how long a secret is. `inMark`: whether
+// the byte before `text` was covered.
+std::string hideCovered(std::string_view text, const std::vector<bool>& covered, bool inMark) {
     std::string shown;
     shown.reserve(text.size());
     for (std::size_t i = 0; i < text.size(); ++i) {
         if (!covered[i]) {
             shown += text[i];
-        } else if (i == 0 || !covered[i - 1]) {
+        } else if (!inMark) {
             shown += "********";
         }
+        inMark = covered[i];
     }
     return shown;
 }
@@ -45,7 +46,7 @@ void Secrets::addPattern(std::string_view pattern) {
 }
 
 std::string Secrets::mask(std::string_view text) const {
-    return hideCovered(text, coverage(text));
+    return hideCovered(text, coverage(text), false);
 }
 
 std::vector<bool> Secrets::coverage(std::string_view text) const {
@@ -73,18 +74,25 @@ std::size_t Secrets::undecidedTail(std::string_view text) const {
 
 std::string SecretMaskStream::push(std::string_view chunk) {
     pending_ += chunk;
-    const std::vector<bool> covered = secrets_.coverage(pending_);
-    std::size_t decided = pending_.size() - secrets_.undecidedTail(pending_);
-    while (decided > 0 && decided < pending_.size() && covered[decided - 1] && covered[decided]) {
-        --decided;  // a mark is never split
-    }
-    std::string shown = hideCovered(std::string_view(pending_).substr(0, decided), covered);
-    pending_.erase(0, decided);
-    return shown;
+    return show(pending_.size() - secrets_.undecidedTail(pending_));
 }
 
 std::string SecretMaskStream::finish() {
-    return secrets_.mask(std::exchange(pending_, std::string()));
+    std::string shown = show(pending_.size());
+    inMark_ = false;
+    return shown;
+}
+
+// Shows the first `size` of the bytes kept back.
+std::string SecretMaskStream::show(std::size_t size) {
+    std::vector<bool> covered = secrets_.coverage(pending_);
+    std::fill_n(covered.begin(), coveredBefore_, true);
+    std::string shown = hideCovered(std::string_view(pending_).substr(0, size), covered, inMark_);
+    inMark_ = size > 0 ? covered[size - 1] : inMark_;
+    const auto rest = covered.begin() + static_cast<std::ptrdiff_t>(size);
+    coveredBefore_ = static_cast<std::size_t>(std::find(rest, covered.end(), false) - rest);
+    pending_.erase(0, size);
+    return shown;
 }
 
 }  // namespace korva

@@ -27,7 +27,8 @@ class Secrets {
     std::vector<std::string> patterns_;
 };
 
-/// Hides secrets in a text that arrives in chunks, also where one crosses the border of two chunks.
+/// Hides secrets in a text that arrives in chunks, also where one crosses the border of two chunks: what it
+/// returns, put together, is Secrets::mask() of the whole text.
 class SecretMaskStream {
   public:
     /// `secrets` must outlive the stream.
@@ -41,8 +42,12 @@ class SecretMaskStream {
     std::string finish();
 
   private:
+    std::string show(std::size_t size);
+
     const Secrets& secrets_;
-    std::string pending_;
+    std::string pending_;            // shorter than the longest secret
+    std::size_t coveredBefore_ = 0;  // its first bytes that are known to belong to a secret
+    bool inMark_ = false;            // whether the last byte that was shown belonged to a secret
 };
 
 }  // namespace korva
