@@ -45,17 +45,31 @@ Channel::Channel(LIBSSH2_CHANNEL* channel, Session& session) : Handle(channel), 
 Channel::~Channel() {
     category().debug("Closed");
     setMode(kNonBlocking);  // blocking, it would wait until the remote command ends
-    int result = libssh2_channel_free(get());
-    // A packet that is sent in part only would spoil the next one, so it gets some time to leave.
-    for (int waits = 0; result == LIBSSH2_ERROR_EAGAIN && !isWritable(session_.socket()) && waits < 2;
-         ++waits) {
-        waitForSocket(session_.socket(), kWakeUpMs);
-        result = libssh2_channel_free(get());
-    }
+    const bool freed = freeAtOnce();
     LIBSSH2_CHANNEL* const channel = release();
-    if (result == LIBSSH2_ERROR_EAGAIN) {
+    if (!freed) {
         session_.abandon(channel);
     }
+}
+
+// False when the remote side has not closed the channel yet.
+bool Channel::freeAtOnce() {
+    constexpr int kMostWaits = 2;
+    constexpr int kMostRepeats = 2;
+    int waits = 0;
+    int repeats = 0;
+    int result = libssh2_channel_free(get());
+    // A packet that is sent in part only would spoil the next one, so it gets some time to leave.
+    while (result == LIBSSH2_ERROR_EAGAIN && waits < kMostWaits && repeats < kMostRepeats) {
+        if (isWritable(session_.socket())) {
+            ++repeats;
+        } else {
+            waitForSocket(session_.socket(), kWakeUpMs);
+            ++waits;
+        }
+        result = libssh2_channel_free(get());
+    }
+    return result != LIBSSH2_ERROR_EAGAIN;
 }
 
 void Channel::setMode(Mode mode) {
@@ -105,11 +119,8 @@ void Channel::relieve(int refusals) {
 }
 
 void Channel::sendEof() {
-    int result = libssh2_channel_send_eof(get());
-    while (result == LIBSSH2_ERROR_EAGAIN) {
-        waitForSocket(session_.socket(), kWakeUpMs);
-        result = libssh2_channel_send_eof(get());
-    }
+    const int result =
+        repeatUntilDone(session_.socket(), kWakeUpMs, [this] { return libssh2_channel_send_eof(get()); });
     if (result < 0) {  // few of libssh2's errors are -1
         throw KORVA_EXC(UnableToSendEof) % session_.lastError();
     }

@@ -47,6 +47,11 @@ bool meansLostConnection(int error) {
     }
 }
 
+[[noreturn]] void failToStart(const std::string& reason) {
+    category().errorStream() << "SSH session was not started: " << reason;
+    throw KORVA_EXC(UnableToStartSshSession) % reason;
+}
+
 // What libssh2 could not free stays reachable until the process ends, soon after: waiting for a remote
 // command that still runs would take as long as that command.
 void leaveToProcessEnd(LIBSSH2_SESSION* session) {
@@ -83,15 +88,11 @@ void Session::start(bool noEncryption) {
     if (compatibility_) {
         std::ignore = libssh2_session_method_pref(get(), LIBSSH2_METHOD_KEX, "diffie-hellman-group1-sha1");
     }
-    std::string failure;
     if (!waitForFirstBytes(socket_, kServerSilenceLimitMs)) {  // libssh2 would wait for ever
-        failure = "The server has sent nothing for 120 seconds";
-    } else if (libssh2_session_startup(get(), socket_) != 0) {
-        failure = lastError();
+        failToStart("The server has sent nothing for 120 seconds");
     }
-    if (!failure.empty()) {
-        category().errorStream() << "SSH session was not started: " << failure;
-        throw KORVA_EXC(UnableToStartSshSession) % failure;
+    if (libssh2_session_startup(get(), socket_) != 0) {
+        failToStart(lastError());
     }
     const char* const cipher = libssh2_session_methods(get(), LIBSSH2_METHOD_CRYPT_SC);
     category().debugStream() << "Selected " << (cipher != nullptr ? cipher : "no") << " encryption method";
@@ -178,15 +179,12 @@ LIBSSH2_USERAUTH_KBDINT_RESPONSE_FUNC(Session::userauth_callback) {
 
 std::unique_ptr<Channel> Session::openSessionChannel() {
     LIBSSH2_CHANNEL* channel = nullptr;
-    for (;;) {
+    // The mode is the session's, and an earlier channel has left it non-blocking.
+    std::ignore = repeatUntilDone(socket_, kWakeUpMs, [&] {
         channel = libssh2_channel_open_ex(get(), "session", 7, kWindowSize, kPacketSize, nullptr, 0);
-        // The mode is the session's, and an earlier channel has left it non-blocking.
-        if (channel != nullptr ||
-            libssh2_session_last_error(get(), nullptr, nullptr, 0) != LIBSSH2_ERROR_EAGAIN) {
-            return std::make_unique<Channel>(channel, *this);
-        }
-        waitForSocket(socket_, kWakeUpMs);
-    }
+        return channel != nullptr ? 0 : libssh2_session_last_error(get(), nullptr, nullptr, 0);
+    });
+    return std::make_unique<Channel>(channel, *this);
 }
 
 void Session::create_reserve_channel() {
@@ -195,22 +193,16 @@ void Session::create_reserve_channel() {
     reserveChannel_->setMode(Channel::kNonBlocking);
     // Its answer is waited for, or libssh2 would take the next command's for it; whatever it is, it counts
     // for nothing.
-    constexpr int kMostWaits = 10;
-    for (int waits = 0; reserveChannel_->requestExec("cat") == LIBSSH2_ERROR_EAGAIN && waits < kMostWaits;
-         ++waits) {
-        waitForSocket(socket_, 1000);
-    }
+    constexpr int kMostSleeps = 10;
+    std::ignore = repeatUntilDone(
+        socket_, 1000, [this] { return reserveChannel_->requestExec("cat"); }, kMostSleeps);
 }
 
 std::unique_ptr<Channel> Session::openExecChannel(const std::string& command, Channel::Mode mode) {
     category().debugStream() << "Opening SSH channel for command '" << command << "'";
     std::unique_ptr<Channel> channel = openSessionChannel();
     channel->setMode(mode);
-    int result = channel->requestExec(command);
-    while (result == LIBSSH2_ERROR_EAGAIN) {
-        waitForSocket(socket_, kWakeUpMs);
-        result = channel->requestExec(command);
-    }
+    const int result = repeatUntilDone(socket_, kWakeUpMs, [&] { return channel->requestExec(command); });
     // A refused command never ends by itself on a server that leaves the channel open. LIBSSH2_ERROR_INVAL:
     // too long to be sent at all.
     if (result == LIBSSH2_ERROR_CHANNEL_REQUEST_DENIED || result == LIBSSH2_ERROR_INVAL) {

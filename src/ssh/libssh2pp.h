@@ -75,6 +75,7 @@ class Channel : public Handle<LIBSSH2_CHANNEL*, &dvx_libssh2_channel_free> {
     int exitStatus();
 
   private:
+    bool freeAtOnce();
     void relieve(int refusals);
     unsigned long receiveEvents();
     bool hasQueuedData();

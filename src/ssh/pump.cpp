@@ -41,9 +41,8 @@ void pump(IOReadChannel& from, IOWriteChannel& to) {
 void pump_with_log(IOReadChannel& from, IOWriteChannel& to, Ssh& ssh) {
     SecretMaskStream mask(ssh.secrets());
     const auto log = [](const std::string& text) {
-        if (!text.empty()) {
-            Ssh::logPump(text.data(), static_cast<int>(text.size()));
-        }
+        forEachPiece(
+            text, [](std::string_view piece) { Ssh::logPump(piece.data(), static_cast<int>(piece.size())); });
     };
     pumpChunks(from, to, [&](const char* data, int size) {
         log(mask.push(std::string_view(data, static_cast<std::size_t>(size))));

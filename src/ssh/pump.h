@@ -5,12 +5,23 @@
 #include "commons/stream_errors.h"
 #include "ssh/io_channels.h"
 
+#include <algorithm>
+#include <string_view>
+
 namespace korva {
 
 class Ssh;
 
 /// The most that log, counter and sink are handed at once, in bytes.
 inline constexpr int kMaxPieceSize = 65536;
+
+/// Hands `text` on in pieces of at most kMaxPieceSize: take(std::string_view), never with an empty one.
+template <typename Take>
+void forEachPiece(std::string_view text, Take take) {
+    for (; !text.empty(); text.remove_prefix(std::min<std::size_t>(text.size(), kMaxPieceSize))) {
+        take(text.substr(0, kMaxPieceSize));
+    }
+}
 
 /// Copies `from` to its end into `to`. Throws StreamRead, StreamWrite, MigrationTerminatedException.
 void pump(IOReadChannel& from, IOWriteChannel& to);

@@ -22,10 +22,11 @@ log4cpp::Category& category() {
     return log4cpp::Category::getInstance("k.Ssh");
 }
 
-void logChunk(const char* label, const std::string& text) {
-    if (!text.empty()) {
-        category().debugStream() << label << memchunk_log{text.data(), static_cast<int>(text.size())};
-    }
+// Hiding secrets may make a chunk longer than those that are read.
+void logChunk(const char* label, std::string_view text) {
+    forEachPiece(text, [label](std::string_view piece) {
+        category().debugStream() << label << memchunk_log{piece.data(), static_cast<int>(piece.size())};
+    });
 }
 
 }  // namespace
@@ -69,6 +70,9 @@ void RunningCommand::drainOutput() {
 int RunningCommand::waitForExitStatus() {
     while (!channel_.closed()) {
         ssh_.serveAlarm();
+        if (channel_.closed()) {  // the alarm's own commands may have taken the close from the socket
+            break;
+        }
         channel_.waitForClose(kWakeUpMs);
     }
     return channel_.exitStatus();
@@ -109,7 +113,9 @@ void RunningCommand::deliverError(const std::string& text) {
         logChunk("remote stderr -> ", text);
     }
     IOStreamWriteChannel sink(request_.err);
-    pump_write(sink, text.data(), static_cast<int>(text.size()));
+    forEachPiece(text, [&sink](std::string_view piece) {
+        pump_write(sink, piece.data(), static_cast<int>(piece.size()));
+    });
 }
 
 void RunningCommand::finishMasks() {

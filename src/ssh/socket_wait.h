@@ -1,6 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include <libssh2.h>
+
+#include <limits>
+
 namespace korva {
 
 // The sleeps below let signals in that a SignalHold keeps back, and need one around them.
@@ -15,5 +19,27 @@ void waitForSocket(int fd, int timeoutMs);
 /// Sleeps until bytes from the other side, or the end of the connection, are there. False after `timeoutMs`
 /// milliseconds without either, however many signals came.
 bool waitForFirstBytes(int fd, int timeoutMs);
+
+/// Repeats a call that may not be left half-done while it returns LIBSSH2_ERROR_EAGAIN, with sleeps of at
+/// most `timeoutMs` milliseconds in between. Returns its result, LIBSSH2_ERROR_EAGAIN after `mostSleeps` in
+/// vain.
+template <typename Call>
+int repeatUntilDone(int fd, int timeoutMs, Call call, int mostSleeps = std::numeric_limits<int>::max()) {
+    // libssh2 does not tell what it waits for. The socket may have begun to take bytes since it was found
+    // full: then nothing would end the sleep.
+    constexpr int kRepeatsAtOnce = 2;
+    int repeats = 0;
+    int result = call();
+    for (int sleeps = 0; result == LIBSSH2_ERROR_EAGAIN && sleeps < mostSleeps; result = call()) {
+        if (repeats < kRepeatsAtOnce && isWritable(fd)) {
+            ++repeats;
+            continue;
+        }
+        waitForSocket(fd, timeoutMs);
+        ++sleeps;
+        repeats = 0;
+    }
+    return result;
+}
 
 }  // namespace korva

@@ -17,7 +17,7 @@ struct RemoteRequest;
 namespace libssh2pp {
 class Channel;
 class Session;
-}
+}  // namespace libssh2pp
 
 KORVA_ERROR_TAG(SshInvalidCredentials,
                 "Unable to connect to host %1%: you have specified incorrect username or password")
