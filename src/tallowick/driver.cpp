@@ -92,11 +92,15 @@ int execute(config& cfg) {
 void saveResult(LogLifetimeController& log, int status) {
     try {
         log.close();
-    } catch (const ExTraceable& error) {
+    } catch (const std::exception& error) {
         if (status == kExitSuccess) {
             throw;
         }
-        theDebugLog->log(error);
+        if (const auto* traceable = dynamic_cast<const ExTraceable*>(&error)) {
+            theDebugLog->log(*traceable);
+        } else {
+            theDebugLog->log(std::string(error.what()));
+        }
         std::cerr << error.what();
     }
 }
