@@ -32,7 +32,7 @@ void refuseEntity(void* context, const xmlChar* /*name*/, int /*type*/, const xm
     refuseDeclaration(context);
 }
 
-// Default values are copied into every element, so they multiply as entities do.
+// A default value is found in every element, so it multiplies as an entity does.
 void refuseAttribute(void* context, const xmlChar* /*element*/, const xmlChar* /*name*/, int /*type*/,
                      int /*kind*/, const xmlChar* /*defaultValue*/, xmlEnumerationPtr values) {
     xmlFreeEnumeration(values);  // a handler owns them

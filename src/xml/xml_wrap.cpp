@@ -255,9 +255,8 @@ void tXmlDvxDocument::addAttribute(xmlNodePtr node, const std::string& name, con
     }
 }
 
-// Joined here and not by xmlNodeListGetString(), which takes quadratic time for many pieces. References to
-// entities do not occur: the reader refuses their declarations, and the five of XML itself are replaced
-// there.
+// Joined here: xmlNodeListGetString() takes quadratic time for many pieces. The parser has put entities in
+// their places; a reference that is left is one to an entity that nobody declared, and stands for nothing.
 std::string tXmlDvxDocument::getNodeText(const xmlNode* node) {
     std::string text;
     for (const xmlNode* child = node->children; child != nullptr; child = child->next) {

@@ -1,0 +1,153 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "xml/xml_agent_file_list.h"
+
+#include <boost/lexical_cast.hpp>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <limits>
+
+namespace korva {
+namespace {
+
+using testing::ElementsAre;
+using testing::FieldsAre;
+
+std::unique_ptr<AgentFileList> listOf(const std::string& files) {
+    return getFileList("<contentlist size='1' unpacked='2'>" + files + "</contentlist>");
+}
+
+std::unique_ptr<AgentFileList> listOfSize(const std::string& size) {
+    return getFileList("<contentlist size='" + size + "' unpacked='" + size + "'/>");
+}
+
+TEST(ContentList, GivesItsFilesInDocumentOrder) {
+    const auto list = getFileList(
+        "<?xml version=\"1.0\"?>\n"
+        "<contentlist size=\"300\" unpacked=\"1000\">\n"
+        "  <file size=\"200\" md5sum=\"d41d8cd98f00b204e9800998ecf8427e\">clients/b.tgz</file>\n"
+        "  <file size=\"100\" md5sum=\"900150983cd24fb0d6963f7d28e17f72\">clients/a &amp; c.tgz</file>\n"
+        "</contentlist>\n");
+    EXPECT_THAT(list->getFileList(),
+                ElementsAre(FieldsAre("clients/b.tgz", 200, "d41d8cd98f00b204e9800998ecf8427e"),
+                            FieldsAre("clients/a & c.tgz", 100, "900150983cd24fb0d6963f7d28e17f72")));
+    EXPECT_EQ(list->getTotalSize(), 300U);
+    EXPECT_EQ(list->getUnpackedSize(), 1000U);
+}
+
+TEST(ContentList, MayBeEmpty) {
+    EXPECT_THAT(listOf("")->getFileList(), ElementsAre());
+}
+
+TEST(ContentList, TakesAMissingSizeForZero) {
+    EXPECT_THAT(listOf("<file md5sum='aa'>f</file>")->getFileList(), ElementsAre(FieldsAre("f", 0, "aa")));
+}
+
+TEST(ContentList, TakesAMissingSumForAnEmptyOne) {
+    EXPECT_THAT(listOf("<file size='5'>f</file>")->getFileList(), ElementsAre(FieldsAre("f", 5, "")));
+}
+
+TEST(ContentList, IgnoresWhatIsNoFileElement) {
+    EXPECT_THAT(
+        listOf("text<!-- c --><?pi file?><![CDATA[x]]><dir size='bad'><file>inner</file></dir><files/>"
+               "<file>f</file>")
+            ->getFileList(),
+        ElementsAre(FieldsAre("f", 0, "")));
+}
+
+TEST(ContentList, KeepsBlanksInNames) {
+    EXPECT_THAT(listOf("<file> a\n b </file>")->getFileList(), ElementsAre(FieldsAre(" a\n b ", 0, "")));
+}
+
+TEST(ContentList, TakesTheLargestSizes) {
+    EXPECT_THAT(listOf("<file size='9223372036854775807'>f</file>")->getFileList(),
+                ElementsAre(FieldsAre("f", std::numeric_limits<std::int64_t>::max(), "")));
+    EXPECT_EQ(listOfSize("18446744073709551615")->getTotalSize(), std::numeric_limits<std::uint64_t>::max());
+}
+
+TEST(ContentList, RefusesFileSizesThatAreNoNumbers) {
+    for (const std::string size : {"12abc", "", " 5", "5 ", "0x10", "1.5", "9223372036854775808"}) {
+        EXPECT_THROW(listOf("<file size='" + size + "'>f</file>"), boost::bad_lexical_cast) << size;
+    }
+}
+
+TEST(ContentList, RefusesTotalsThatAreNoNumbersWhenTheyAreAskedFor) {
+    for (const std::string size : {"12abc", "", " 5", "5 ", "-1", "18446744073709551616"}) {
+        const auto list = listOfSize(size);
+        EXPECT_THROW(list->getTotalSize(), boost::bad_lexical_cast) << size;
+        EXPECT_THROW(list->getUnpackedSize(), boost::bad_lexical_cast) << size;
+    }
+}
+
+TEST(ContentList, NamesTheTotalThatIsMissing) {
+    const auto list = getFileList("<contentlist/>");
+    try {
+        list->getTotalSize();
+        FAIL();
+    } catch (const Exc<&NoSuchAttribute>& error) {
+        EXPECT_STREQ(error.what(), "Node contentlist does not have attribute size");
+    }
+    try {
+        list->getUnpackedSize();
+        FAIL();
+    } catch (const Exc<&NoSuchAttribute>& error) {
+        EXPECT_STREQ(error.what(), "Node contentlist does not have attribute unpacked");
+    }
+}
+
+TEST(ContentList, RefusesAnEmptyText) {
+    EXPECT_THROW(getFileList(""), Exc<&AssertionFailed>);
+}
+
+TEST(ContentList, RefusesATextThatIsNotWellFormed) {
+    EXPECT_THROW(getFileList("<contentlist>"), Exc<&tError_ParseFile>);
+    EXPECT_THROW(getFileList("Can't locate Storage.pm in @INC"), Exc<&tError_ParseFile>);
+}
+
+TEST(ContentList, RefusesAnotherDocument) {
+    EXPECT_THROW(getFileList("<foo/>"), Exc<&tError_WrongDoc>);
+}
+
+TEST(ContentList, RefusesTheNameOfAFileForAText) {
+    EXPECT_THROW(getFileList("/etc/passwd"), Exc<&tError_ParseFile>);
+}
+
+TEST(ContentList, LoadsNoFileOfThisHostIntoAName) {
+    EXPECT_THROW(getFileList("<!DOCTYPE contentlist [<!ENTITY x SYSTEM 'file:///etc/passwd'>]>"
+                             "<contentlist size='1'><file>&x;</file></contentlist>"),
+                 Exc<&tError_ParseFile>);
+}
+
+TEST(ContentList, RefusesABillionLaughs) {
+    std::string content = "<!DOCTYPE contentlist [<!ENTITY l0 'lol'>";
+    for (int level = 1; level < 10; ++level) {
+        content += "<!ENTITY l" + std::to_string(level) + " '";
+        for (int i = 0; i < 10; ++i) {
+            content += "&l" + std::to_string(level - 1) + ";";
+        }
+        content += "'>";
+    }
+    EXPECT_THROW(getFileList(content + "]><contentlist><file>&l9;</file></contentlist>"),
+                 Exc<&tError_ParseFile>);
+}
+
+TEST(ContentList, RefusesAQuadraticBlowUpOfNamesAndSums) {
+    const std::string entity =
+        "<!DOCTYPE contentlist [<!ENTITY x '" + std::string(200000, 'x') + "'>]><contentlist>";
+    const std::string value = "<!DOCTYPE contentlist [<!ATTLIST file md5sum CDATA '" +
+                              std::string(200000, 'x') + "'>]><contentlist>";
+    std::string names;
+    std::string sums;
+    std::string defaultSums;
+    for (int i = 0; i < 20000; ++i) {
+        names += "<file>&x;</file>";
+        sums += "<file md5sum='&x;'/>";
+        defaultSums += "<file/>";
+    }
+    EXPECT_THROW(getFileList(entity + names + "</contentlist>"), Exc<&tError_ParseFile>);
+    EXPECT_THROW(getFileList(entity + sums + "</contentlist>"), Exc<&tError_ParseFile>);
+    EXPECT_THROW(getFileList(value + defaultSums + "</contentlist>"), Exc<&tError_ParseFile>);
+}
+
+}  // namespace
+}  // namespace korva
