@@ -170,12 +170,12 @@ def test_orderly_close_without_status_counts_as_zero(probe, start_scripted):
 
 
 def test_refused_command_has_status_255_though_the_channel_stays_open(probe, start_scripted):
-    run = probe.run(start_scripted(accepts_exec=False), execute("whatever"), execute("again"))
+    run = probe.run(start_scripted(accepts_exec=lambda command: False), execute("whatever"), execute("again"))
     assert run.statuses == [255, 255]
 
 
 def test_refused_command_never_counts_as_success(tallowick, start_scripted):
-    run = tallowick.run("--send-scout", *source(start_scripted(accepts_exec=False)))
+    run = tallowick.run("--send-scout", *source(start_scripted(accepts_exec=lambda command: False)))
     assert run.status == 2
     assert run.session.error().code == "FailedToExecuteScout"
     assert "The return code is 255\n" in run.err

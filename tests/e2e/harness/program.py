@@ -21,13 +21,15 @@ _SANITIZER_STATUS = 99
 _SANITIZERS = ("ASAN_OPTIONS", "LSAN_OPTIONS", "UBSAN_OPTIONS")
 
 
-def environment(**variables):
-    """The environment of a run: fixed, plus `variables` whose value is not None."""
+def environment(leaks=True, **variables):
+    """The environment of a run: fixed, plus `variables` whose value is not None. Without `leaks`, memory that is
+    never freed is not looked for."""
     result = {"PATH": "/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin", "HOME": "/root",
               "TZ": "UTC", "LC_ALL": "C.UTF-8"}
     for name in _SANITIZERS:
         own = os.environ.get(name, "")
-        result[name] = ":".join(filter(None, [own, f"exitcode={_SANITIZER_STATUS}", "print_stacktrace=1"]))
+        more = [f"exitcode={_SANITIZER_STATUS}", "print_stacktrace=1", *([] if leaks else ["detect_leaks=0"])]
+        result[name] = ":".join(filter(None, [own, *more]))
     result.update({name: value for name, value in variables.items() if value is not None})
     return result
 
@@ -129,15 +131,15 @@ class Program:
             return Session(self._directory / f"session-{self._number}")
 
     def start(self, *arguments, session=None, password=MOVER.password, sudo_password=None, stdin=subprocess.DEVNULL,
-              stdout=subprocess.PIPE, cwd="/", prefix=(), **popen):
+              stdout=subprocess.PIPE, cwd="/", prefix=(), leaks=True, **popen):
         """Starts a run. `--session-path` is added unless `session` is False; passwords that are None stay out
-        of the environment; `prefix` is a command that runs the program."""
+        of the environment; `prefix` is a command that runs the program; `leaks` as in `environment`."""
         own = session if isinstance(session, Session) else self.new_session()
         paths = [] if session is False else [f"--session-path={own.path}"]
         command = [*prefix, self.binary, *arguments, *paths]
         process = subprocess.Popen(
             command, stdin=stdin, stdout=stdout, stderr=subprocess.PIPE, cwd=cwd,
-            env=environment(OVN_PASSWORD=password, OVN_SUDO_PASSWORD=sudo_password), **popen)
+            env=environment(leaks, OVN_PASSWORD=password, OVN_SUDO_PASSWORD=sudo_password), **popen)
         secrets = [secret for secret in (password, sudo_password) if secret]
         return Running(self, command, own, secrets, process)
 

@@ -29,8 +29,8 @@ class Script:
     # Rounds of keyboard-interactive prompts, each a list of (text, echo), and what is made of the answers.
     prompts: list = field(default_factory=lambda: [[("Password: ", False)]])
     answers: object = lambda answers: True
-    # Whether "exec" is granted, and what happens then (in a thread of its own, called with a Run).
-    accepts_exec: bool = True
+    # Called with the command line, whether "exec" is granted, and what happens then (in a thread of its own, called with a Run).
+    accepts_exec: object = lambda command: True
     run: object = _exit_0
 
 
@@ -172,7 +172,7 @@ class _Session(paramiko.ServerInterface):
 
     def check_channel_exec_request(self, channel, command):
         self._server.note("exec", command)
-        if not self._script.accepts_exec:
+        if not self._script.accepts_exec(command):
             return False
         self._transport.replied.clear()
         run = Run(self._server, self._transport, channel, command)
