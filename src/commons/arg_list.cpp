@@ -16,13 +16,13 @@ ArgList::~ArgList() {
 }
 
 ArgList& ArgList::operator<<(const std::string& argument) {
-    arguments_.reserve(arguments_.size() + 1);  // from here on only strdup can fail
+    arguments_.push_back(nullptr);
     char* copy = ::strdup(argument.c_str());
     if (copy == nullptr) {
+        arguments_.pop_back();
         throw std::bad_alloc();
     }
-    arguments_.back() = copy;
-    arguments_.push_back(nullptr);
+    arguments_[arguments_.size() - 2] = copy;
     return *this;
 }
 

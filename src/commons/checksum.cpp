@@ -49,7 +49,7 @@ std::string countMd5Sum(std::istream& stream) {
         stream.read(block.data(), static_cast<std::streamsize>(block.size()));
         sum.update(block.data(), static_cast<std::size_t>(stream.gcount()));
     } while (stream.good());
-    if (stream.bad() || !stream.eof()) {
+    if (!stream.eof()) {
         throw KORVA_EXC(StreamRead);
     }
     return sum.hexDigest();

@@ -50,29 +50,13 @@ struct Pipe {
     Descriptor writeEnd;
 };
 
-/// Where one of our standard descriptors is closed, a pipe may get its number; the child would then overwrite
-/// one end while it puts another in place.
-int aboveStandardDescriptors(int fd) {
-    if (fd > STDERR_FILENO) {
-        return fd;
-    }
-    const int moved = ::fcntl(fd, F_DUPFD, STDERR_FILENO + 1);
-    const int error = errno;
-    ::close(fd);
-    errno = error;
-    if (moved == -1) {
-        messlog2(1, 1, "forkExecvGetOutErr: pipe() failed");
-    }
-    return moved;
-}
-
 void openPipe(Pipe& ends) {
     std::array<int, 2> fds{};
     if (::pipe(fds.data()) != 0) {
         messlog2(1, 1, "forkExecvGetOutErr: pipe() failed");
     }
-    ends.readEnd.reset(aboveStandardDescriptors(fds[0]));
-    ends.writeEnd.reset(aboveStandardDescriptors(fds[1]));
+    ends.readEnd.reset(fds[0]);
+    ends.writeEnd.reset(fds[1]);
 }
 
 void setNonBlocking(const Descriptor& fd) {
@@ -134,13 +118,11 @@ class Feed {
     explicit Feed(std::string text) : text_(std::move(text)) {}
 
     void writeTo(int fd) {
-        do {
-            if (piece_.empty()) {
-                piece_ = text_.substr(taken_, kPieceSize);
-                taken_ += piece_.size();
-            }
-            writeFromString(fd, piece_);
-        } while (piece_.empty() && !isEmpty());
+        if (piece_.empty()) {
+            piece_ = text_.substr(taken_, kPieceSize);
+            taken_ += piece_.size();
+        }
+        writeFromString(fd, piece_);
     }
 
     bool isEmpty() const { return piece_.empty() && taken_ == text_.size(); }

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include <fcntl.h>
 #include <linux/filter.h>
 #include <linux/seccomp.h>
 #include <sys/prctl.h>
@@ -42,6 +43,19 @@ inline void failSyscall(std::uint32_t number, std::uint32_t error) {
     installSyscallFilter({
         BPF_STMT(BPF_LD | BPF_W | BPF_ABS, kSyscallNumberOffset),
         BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, number, 0, 1),
+        BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | error),
+        BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW),
+    });
+}
+
+/// From here on opening directories as such (O_DIRECTORY) fails with `error`. Cannot be undone.
+inline void failDirectoryOpens(std::uint32_t error) {
+    constexpr std::uint32_t kFlagsOffset = offsetof(seccomp_data, args) + 2 * sizeof(std::uint64_t);
+    installSyscallFilter({
+        BPF_STMT(BPF_LD | BPF_W | BPF_ABS, kSyscallNumberOffset),
+        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, __NR_openat, 0, 3),
+        BPF_STMT(BPF_LD | BPF_W | BPF_ABS, kFlagsOffset),
+        BPF_JUMP(BPF_JMP | BPF_JSET | BPF_K, O_DIRECTORY, 0, 1),
         BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | error),
         BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW),
     });

@@ -82,7 +82,7 @@ TEST(ExecCmd, RecordsThatItWasRun) {
     ExecCmd command("true");
     EXPECT_FALSE(command.isExecuted());
     EXPECT_EQ(0, command.getErrno());
-    errno = EXDEV;  // nothing in a good run sets errno again
+    errno = EXDEV;  // a good run leaves errno alone or as a failing call set it
     command.exec();
     EXPECT_TRUE(command.isExecuted());
     EXPECT_NE(0, command.getErrno());

@@ -6,6 +6,7 @@
 #include "support/files.h"
 #include "support/host_conf_redirect.h"
 #include "support/scoped_umask.h"
+#include "support/syscall_filter.h"
 #include "support/temp_dir.h"
 
 #include <gmock/gmock.h>
@@ -19,7 +20,9 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdint>
 #include <filesystem>
+#include <functional>
 #include <string>
 
 namespace korva {
@@ -123,6 +126,18 @@ TEST_F(MakeDir, DoesNotFollowADanglingLink) {
     ASSERT_EQ(0, ::symlink((directory / "target").c_str(), (directory / "link").c_str()));
     make_dir(directory / "link", kOwner, kGroup, 0750);
     EXPECT_FALSE(std::filesystem::exists(directory / "target"));
+    struct stat link {};
+    ASSERT_EQ(0, ::lstat((directory / "link").c_str(), &link));
+    EXPECT_EQ(0U, link.st_uid);
+}
+
+TEST_F(MakeDir, CreatesNothingOfAPathThatCannotBeLookedUp) {
+    std::string path = directory.path();
+    while (path.size() <= 4096) {
+        path += "/missing";
+    }
+    make_dir(path, kOwner, kGroup, 0750);
+    EXPECT_TRUE(std::filesystem::is_empty(directory.path()));
 }
 
 TEST(CheckInputFile, IsTrueForARegularFileOnly) {
@@ -259,6 +274,42 @@ TEST(SyncFileAndDirectory, AcceptsFilesWithAndWithoutADirectory) {
                   ASSERT_EQ(0, ::chdir(directory.path().c_str()));
                   syncFileAndDirectory("file");
               }));
+}
+
+/// The error of a sync of an existing file, in a process in which `spoil` was called before.
+std::string syncFailure(const std::string& path, const std::function<void()>& spoil) {
+    const TempDir result;
+    statusOfChild([&] {
+        std::string text = "no failure";
+        spoil();
+        try {
+            syncFileAndDirectory(path);
+        } catch (const SystemError& error) {
+            text = error.what();
+        }
+        writeFile(result / "error", text);
+    });
+    return test::readFile(result / "error");
+}
+
+TEST(SyncFileAndDirectory, FailsWhenTheFileCannotBeFlushed) {
+    const TempDir directory;
+    writeFile(directory / "file", "content");
+    EXPECT_EQ("Cannot flush " + (directory / "file") + ": Input/output error",
+              syncFailure(directory / "file", [] { test::failSyscall(__NR_fsync, EIO); }));
+}
+
+TEST(SyncFileAndDirectory, FailsWhenTheDirectoryCannotBeOpened) {
+    const TempDir directory;
+    writeFile(directory / "file", "content");
+    EXPECT_EQ("Cannot open " + directory.path() + ": Too many open files",
+              syncFailure(directory / "file", [] { test::failDirectoryOpens(EMFILE); }));
+}
+
+TEST(SyncFileAndDirectory, AcceptsAFileSystemThatCannotFlush) {
+    const TempDir directory;
+    writeFile(directory / "file", "content");
+    EXPECT_EQ("no failure", syncFailure(directory / "file", [] { test::failSyscall(__NR_fsync, EINVAL); }));
 }
 
 TEST(SyncFileAndDirectory, FailsForAMissingFile) {
