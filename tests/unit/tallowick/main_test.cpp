@@ -1,0 +1,116 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "commons/exception.h"
+#include "support/captured_stream.h"
+#include "support/child_process.h"
+#include "tallowick/driver.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <csignal>
+#include <functional>
+#include <iostream>
+#include <stdexcept>
+#include <string>
+
+int mainOfTheProgram(int argc, char** argv);
+
+namespace korva {
+namespace {
+
+using test::CapturedStream;
+using test::statusOfChild;
+using testing::EndsWith;
+using testing::StartsWith;
+
+KORVA_ERROR_TAG(SomeError, "some message about %1%")
+
+std::function<int(int, char**)> realMain;
+
+int runMain() {
+    char name[] = "tallowick";
+    char* argv[] = {name, nullptr};
+    return mainOfTheProgram(1, argv);
+}
+
+}  // namespace
+
+int real_main(int argc, char** argv) {
+    return realMain(argc, argv);
+}
+
+namespace {
+
+/// What main() leaves on standard error, having returned 1.
+std::string complaintAfter(const std::function<void()>& failure) {
+    realMain = [&](int, char**) {
+        failure();
+        return 0;
+    };
+    const CapturedStream error(std::cerr);
+    EXPECT_EQ(1, runMain());
+    return error.str();
+}
+
+TEST(Main, ReturnsTheStatusOfTheRunAndPassesTheCommandLineOn) {
+    EXPECT_EQ(0, statusOfChild([] {
+                  realMain = [](int argc, char** argv) {
+                      EXPECT_EQ(1, argc);
+                      EXPECT_STREQ("tallowick", argv[0]);
+                      return 17;
+                  };
+                  EXPECT_EQ(17, runMain());
+              }));
+}
+
+TEST(Main, UnblocksEverySignal) {
+    EXPECT_EQ(0, statusOfChild([] {
+                  sigset_t all;
+                  sigfillset(&all);
+                  sigprocmask(SIG_SETMASK, &all, nullptr);
+                  realMain = [](int, char**) {
+                      sigset_t present;
+                      sigprocmask(SIG_BLOCK, nullptr, &present);
+                      for (int signal = 1; signal < SIGRTMIN; ++signal) {
+                          EXPECT_EQ(0, sigismember(&present, signal)) << signal;
+                      }
+                      return 0;
+                  };
+                  runMain();
+              }));
+}
+
+TEST(Main, GetsBrokenPipesAndFileSizeLimitsBackAsErrors) {
+    EXPECT_EQ(0, statusOfChild([] {
+                  realMain = [](int, char**) {
+                      raise(SIGPIPE);
+                      raise(SIGXFSZ);
+                      return 0;
+                  };
+                  EXPECT_EQ(0, runMain());
+              }));
+}
+
+TEST(Main, TellsAnErrorThatNobodyHandled) {
+    EXPECT_EQ(0, statusOfChild([] {
+                  const std::string complaint =
+                      complaintAfter([] { throw Exc<&SomeError>("the context", "./some", 42) % "it"; });
+                  EXPECT_THAT(complaint, StartsWith("Uncaught ExTraceableException: SomeError["));
+                  EXPECT_THAT(complaint, EndsWith("]: some message about it [./some:42]\nthe context\n"));
+              }));
+}
+
+TEST(Main, TellsAStandardException) {
+    EXPECT_EQ(0, statusOfChild([] {
+                  EXPECT_EQ("Uncaught std::exception: the reason\n",
+                            complaintAfter([] { throw std::runtime_error("the reason"); }));
+              }));
+}
+
+TEST(Main, TellsAnythingElse) {
+    EXPECT_EQ(0, statusOfChild(
+                     [] { EXPECT_EQ("Uncaught unknown exception\n", complaintAfter([] { throw 42; })); }));
+}
+
+}  // namespace
+}  // namespace korva

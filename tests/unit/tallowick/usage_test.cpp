@@ -1,0 +1,51 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "tallowick/usage.h"
+
+#include "support/captured_stream.h"
+
+#include <gtest/gtest.h>
+
+#include <iostream>
+
+namespace korva {
+namespace {
+
+TEST(Usage, IsTheAgreedTextByteForByte) {
+    const char* const lines[] = {
+        "Usage: [OVN_PASSWORD=<password> | OVN_SUDO_PASSWORD = <sudo_password>] tallowick ",
+        "          --host=<hostname or IP address> (obsolete alias is --ip)",
+        "          [--port=<port>] (defaults to 22)",
+        "          --login=<username>",
+        "          [--sudo-password]",
+        "          --agent-dir=<dir> (relative path on the remote side)",
+        "          ( --send-scout",
+        "          | --deploy-agent --session-path <dir> --agent-name <agent>",
+        "          | --get-dumping-status --session-path <dir>",
+        "          | ( --dump-selected [--selected-objects-file=<file-path>]",
+        "                [--resellers=-|<reseller1>[,<reseller2>...]] "
+        "[--clients=-|<client1>[,<client2>...]] [--domains=-|<domain1>[,<domain2>...]]",
+        "             | --dump-all ) ",
+        "                [--server] [--admin-info] [--no-license]",
+        "                 --session-path <dir> --agent-name <agent>",
+        "                [--no-content] [--no-compress]",
+        "                [--only-mail]",
+        "                [--only-hosting]",
+        "          | --get-content --session-path <dir> --agent-name <agent>",
+        "                [--no-check-space] [--no-encryption (not implemented)] "
+        "[--dumps-dir=<dir-on-destination-host>]",
+        "          | --remove-agent --session-path <dir> --agent-name <agent>",
+        "          | --remove-dumping-status --session-path <dir>",
+        "          | --help | -h)",
+    };
+    std::string expected;
+    for (const char* line : lines) {
+        expected += line;
+        expected += '\n';
+    }
+    const test::CapturedStream out(std::cout);
+    usage();
+    EXPECT_EQ(expected, out.str());
+}
+
+}  // namespace
+}  // namespace korva
