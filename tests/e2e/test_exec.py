@@ -337,6 +337,7 @@ def test_silent_command_calls_the_alarm_at_least_every_five_seconds(probe, serve
     run = probe.run(server, execute("sleep 16"), options=["--alarm", str(files("alarms"))])
     assert run.statuses == [0]
     assert 3 <= len(files("alarms").read_text().splitlines()) <= 40
+    assert run.cpu_seconds < 5
 
 
 def test_download_inside_of_the_alarm_works(probe, server, files):

@@ -238,6 +238,10 @@ def test_remove_dumping_status_is_refused_with_a_password_in_the_environment(tal
     assert_refused(tallowick.run("--remove-dumping-status"), NOT_ALLOWED.format("password"))
 
 
+def test_remove_dumping_status_does_not_mind_a_sudo_password_in_the_environment(tallowick):
+    assert tallowick.run("--remove-dumping-status", password=None, sudo_password="some-Sudo-2").status == 0
+
+
 def test_invalid_port_is_still_a_port_for_remove_dumping_status(tallowick):
     assert_refused(tallowick.run("--remove-dumping-status", "--port=0", password=None), NOT_ALLOWED.format("port"))
 

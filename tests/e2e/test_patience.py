@@ -7,16 +7,16 @@ pytestmark = pytest.mark.background
 
 
 def test_server_that_never_says_a_word_fails_the_session_start(long_runs):
-    run = long_runs.silent_server.wait(timeout=330)
+    run = long_runs.silent_server.result()
     assert run.status == 2
     assert run.session.error().code == "UnableToStartSshSession"
     assert run.err.startswith("Unable to start SSH session: ")
     # Two starts, the second in compatibility mode, of two minutes each.
-    assert 110 < run.seconds < 300
+    assert 235 < run.seconds < 330
 
 
 def test_peer_that_vanishes_amid_a_command_is_noticed(long_runs):
-    run = long_runs.vanished_peer.result(timeout=330)
+    run = long_runs.vanished_peer.result()
     assert run.statuses == ["SshConnectionFault"]
     assert 60 < run.seconds < 240
     assert run.cpu_seconds < 20

@@ -117,6 +117,17 @@ def test_echo_of_the_login_password_is_masked_as_well(tallowick, echo_sudo):
     assert_nowhere(run, OWNER.password, "the-Sudo-Password")
 
 
+def test_echo_in_an_included_error_is_masked(tallowick, workspace, start_sshd):
+    tools = make_dir(workspace / "bin")
+    write(tools / "sudo", '#!/bin/sh\ncase "$*" in *chown*) echo "chown: $(cat)" >&2; exit 1 ;; esac\n', 0o755)
+    server = start_sshd(path=f"{tools}:/usr/bin:/bin")
+    run = tallowick.run("--get-dumping-status", "--sudo-password", *source(server, OWNER), "--agent-dir=/tmp",
+                        "--agent-name=a", password=OWNER.password, sudo_password="the-Sudo-Password")
+    assert run.session.error().inner.description == \
+        f"Cannot take ownership of /tmp/dumping-status.xml: chown: {MASK}\n"
+    assert_nowhere(run, "the-Sudo-Password")
+
+
 def test_echo_of_the_login_password_is_masked_without_sudo(tallowick, product, server):
     product.set_scout(f"print STDERR q({MOVER.password}), qq(\\n); exit 1;")
     run = tallowick.run("--send-scout", *source(server))

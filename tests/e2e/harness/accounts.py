@@ -55,7 +55,6 @@ def why_not_in_sandbox():
             return f'there is no account "{account.login}"'
         if entry.pw_uid != account.uid:
             return f'account "{account.login}" has the wrong uid {entry.pw_uid}'
-    links = sorted(path.name for path in pathlib.Path("/sys/class/net").iterdir())
     with open("/proc/self/net/dev", encoding="ascii") as table:
         links = sorted(line.split(":")[0].strip() for line in table.readlines()[2:])
     if links != ["lo"]:

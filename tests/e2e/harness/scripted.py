@@ -29,7 +29,7 @@ class Script:
     # Rounds of keyboard-interactive prompts, each a list of (text, echo), and what is made of the answers.
     prompts: list = field(default_factory=lambda: [[("Password: ", False)]])
     answers: object = lambda answers: True
-    # Called with the command line, whether "exec" is granted, and what happens then (in a thread of its own, called with a Run).
+    # Called with the command line; true grants "exec". What happens then: called with a Run, in a thread of its own.
     accepts_exec: object = lambda command: True
     run: object = _exit_0
 
