@@ -8,7 +8,7 @@ packages_of() { # GROUP
     case $1 in
         build)
             echo g++ cmake ninja-build ccache pkg-config libssh2-1-dev libssl-dev zlib1g-dev libxml2-dev libidn-dev \
-                liblog4cpp5-dev libboost-dev libboost-filesystem-dev libgtest-dev libgmock-dev ;;
+                liblog4cpp5-dev libboost-dev libgtest-dev libgmock-dev ;;
         test)
             echo python3 python3-pytest python3-paramiko openssh-server openssh-client sudo \
                 perl iproute2 util-linux dash bash libxml2-utils procps ;;

@@ -15,7 +15,6 @@ namespace {
 
 constexpr const char* kSourceName = "./libssh2pp";
 
-constexpr int kWakeUpMs = 5000;
 constexpr unsigned long kSessionAndChannelClosed =
     LIBSSH2_POLLFD_SESSION_CLOSED | LIBSSH2_POLLFD_CHANNEL_CLOSED;
 

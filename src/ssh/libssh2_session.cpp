@@ -17,8 +17,7 @@ namespace {
 
 constexpr const char* kSourceName = "./libssh2pp";
 
-constexpr int kServerSilenceLimitMs = 120000;
-constexpr int kWakeUpMs = 5000;
+constexpr long kServerSilenceLimitMs = 120000;
 constexpr unsigned kWindowSize = 65536;
 constexpr unsigned kPacketSize = 16384;
 
@@ -47,9 +46,10 @@ bool meansLostConnection(int error) {
     }
 }
 
-[[noreturn]] void failToStart(const std::string& reason) {
-    category().errorStream() << "SSH session was not started: " << reason;
-    throw KORVA_EXC(UnableToStartSshSession) % reason;
+// All other failures of an authentication method say nothing of the credentials.
+bool meansRefusal(int error) {
+    return error == LIBSSH2_ERROR_AUTHENTICATION_FAILED || error == LIBSSH2_ERROR_PASSWORD_EXPIRED ||
+           error == LIBSSH2_ERROR_METHOD_NOT_SUPPORTED;
 }
 
 // What libssh2 could not free stays reachable until the process ends, soon after: waiting for a remote
@@ -88,11 +88,12 @@ void Session::start(bool noEncryption) {
     if (compatibility_) {
         std::ignore = libssh2_session_method_pref(get(), LIBSSH2_METHOD_KEX, "diffie-hellman-group1-sha1");
     }
-    if (!waitForFirstBytes(socket_, kServerSilenceLimitMs)) {  // libssh2 would wait for ever
-        failToStart("The server has sent nothing for 120 seconds");
-    }
+    // libssh2 itself would wait for ever, here and for each step of the authentication.
+    libssh2_session_set_timeout(get(), kServerSilenceLimitMs);
     if (libssh2_session_startup(get(), socket_) != 0) {
-        failToStart(lastError());
+        const std::string reason = lastError();
+        category().errorStream() << "SSH session was not started: " << reason;
+        throw KORVA_EXC(UnableToStartSshSession) % reason;
     }
     const char* const cipher = libssh2_session_methods(get(), LIBSSH2_METHOD_CRYPT_SC);
     category().debugStream() << "Selected " << (cipher != nullptr ? cipher : "no") << " encryption method";
@@ -134,11 +135,11 @@ bool Session::authorizeByPassword(const std::string& login, const std::string& p
     const int result = libssh2_userauth_password_ex(
         get(), login.c_str(), static_cast<unsigned>(std::strlen(login.c_str())), password.c_str(),
         static_cast<unsigned>(std::strlen(password.c_str())), nullptr);
-    if (meansLostConnection(result)) {
+    if (result != 0 && !meansRefusal(result)) {
         throw KORVA_EXC(SshConnectionFault);
     }
     if (result == 0) {
-        category().debug("Authenticated succesfully");  // spelled so: support's tools look for it
+        category().debug("Authenticated succesfully");  // the spelling is fixed
     }
     return result == 0;
 }
@@ -152,7 +153,7 @@ bool Session::authorizeByKeyboardInteractive(const std::string& login, const std
     // libssh2 gives the code of a refusal to a connection that was lost while it waited for the answer.
     const bool lostWhileWaiting =
         result == LIBSSH2_ERROR_AUTHENTICATION_FAILED && lastError().starts_with("Waiting for keyboard");
-    if (meansLostConnection(result) || lostWhileWaiting) {
+    if ((result != 0 && !meansRefusal(result)) || lostWhileWaiting) {
         throw KORVA_EXC(SshConnectionFault);
     }
     if (result == 0) {
@@ -180,10 +181,13 @@ LIBSSH2_USERAUTH_KBDINT_RESPONSE_FUNC(Session::userauth_callback) {
 std::unique_ptr<Channel> Session::openSessionChannel() {
     LIBSSH2_CHANNEL* channel = nullptr;
     // The mode is the session's, and an earlier channel has left it non-blocking.
-    std::ignore = repeatUntilDone(socket_, kWakeUpMs, [&] {
+    const int result = repeatUntilDone(socket_, kWakeUpMs, [&] {
         channel = libssh2_channel_open_ex(get(), "session", 7, kWindowSize, kPacketSize, nullptr, 0);
         return channel != nullptr ? 0 : libssh2_session_last_error(get(), nullptr, nullptr, 0);
     });
+    if (meansLostConnection(result)) {  // else the manager could not tell it from a server that refuses
+        throw KORVA_EXC(SshConnectionFault);
+    }
     return std::make_unique<Channel>(channel, *this);
 }
 

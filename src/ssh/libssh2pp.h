@@ -103,7 +103,7 @@ class Session : public Handle<LIBSSH2_SESSION*, &libssh2_session_free> {
     void getAuthMethodsList(const std::string& login, std::vector<std::string>& methods);
 
     /// Opens a channel and runs `command` on it; null when the server refuses to run it. Throws
-    /// InvalidHandle when no channel can be had, SshConnectionFault.
+    /// InvalidHandle when the server grants no channel, SshConnectionFault when the connection is lost.
     std::unique_ptr<Channel> openExecChannel(const std::string& command, Channel::Mode mode);
 
     /// Answers each prompt with the password that the session's abstract pointer names.

@@ -4,6 +4,7 @@
 #include "ssh/libssh2pp.h"
 #include "ssh/pump.h"
 #include "ssh/remote_log.h"
+#include "ssh/socket_wait.h"
 
 #include <log4cpp/Category.hh>
 
@@ -16,7 +17,11 @@ namespace {
 
 constexpr int kStandardOutput = 0;
 constexpr int kStandardError = 1;
-constexpr int kWakeUpMs = 5000;
+
+// A piece is also what is asked of libssh2 at once, for downloads too: a read that asks for more than the
+// window was opened with makes libssh2 1.10 announce a negative window when it is interrupted by a change of
+// keys.
+static_assert(kMaxPieceSize == 65536);
 
 log4cpp::Category& category() {
     return log4cpp::Category::getInstance("k.Ssh");
@@ -35,7 +40,6 @@ RunningCommand::RunningCommand(libssh2pp::Channel& channel, const RemoteRequest&
     : channel_(channel),
       request_(request),
       ssh_(ssh),
-      buffer_(request.readSize),
       outputLogMask_(ssh.secrets()),
       errorMask_(ssh.secrets()) {
     // A command may wait for its output to be read before it reads on.
@@ -82,10 +86,10 @@ bool RunningCommand::readStreams() {
     bool gotData = false;
     for (const int stream : {kStandardOutput, kStandardError}) {
         const int size = channel_.read(stream, buffer_.data(), buffer_.size());
-        for (int done = 0; done < size; done += kMaxPieceSize) {
-            deliver(stream, buffer_.data() + done, std::min(size - done, kMaxPieceSize));
+        if (size > 0) {
+            deliver(stream, buffer_.data(), size);
+            gotData = true;
         }
-        gotData = gotData || size > 0;
     }
     return gotData;
 }

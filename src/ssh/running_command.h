@@ -2,12 +2,12 @@
 #pragma once
 
 #include "commons/secret_mask.h"
+#include "ssh/pump.h"
 #include "ssh/ssh-transfer.h"
 
-#include <cstddef>
+#include <array>
 #include <iosfwd>
 #include <string>
-#include <vector>
 
 namespace korva {
 
@@ -15,7 +15,7 @@ namespace libssh2pp {
 class Channel;
 }
 
-/// What Ssh::exec() is asked to do; `readSize`: the most that is read from a stream at once, in bytes.
+/// What Ssh::exec() is asked to do.
 struct RemoteRequest {
     const std::string& command;
     std::istream& in;
@@ -24,7 +24,6 @@ struct RemoteRequest {
     bool quietOutput;
     bool quietInput;
     Ssh::Counter& counter;
-    std::size_t readSize;
 };
 
 /// A remote command between its start and its exit status. Its steps are to be called in their order.
@@ -55,7 +54,7 @@ class RunningCommand {
     libssh2pp::Channel& channel_;
     const RemoteRequest& request_;
     Ssh& ssh_;
-    std::vector<char> buffer_;
+    std::array<char, kMaxPieceSize> buffer_;
     SecretMaskStream outputLogMask_;
     SecretMaskStream errorMask_;
 };

@@ -7,6 +7,9 @@
 
 namespace korva {
 
+/// The longest sleep of a running command: it then looks after its alarm.
+inline constexpr int kWakeUpMs = 5000;
+
 // The sleeps below let signals in that a SignalHold keeps back, and need one around them.
 
 /// Whether the socket takes bytes just now.
@@ -15,10 +18,6 @@ bool isWritable(int fd);
 /// Sleeps until `fd` is readable (writable too, if it is not writable now), at most `timeoutMs`
 /// milliseconds; a signal ends the sleep.
 void waitForSocket(int fd, int timeoutMs);
-
-/// Sleeps until bytes from the other side, or the end of the connection, are there. False after `timeoutMs`
-/// milliseconds without either, however many signals came.
-bool waitForFirstBytes(int fd, int timeoutMs);
 
 /// Repeats a call that may not be left half-done while it returns LIBSSH2_ERROR_EAGAIN, with sleeps of at
 /// most `timeoutMs` milliseconds in between. Returns its result, LIBSSH2_ERROR_EAGAIN after `mostSleeps` in

@@ -26,10 +26,6 @@ constexpr const char* kSourceName = "./ssh-transfer";
 
 constexpr int kStatusOfRefusedCommand = 255;
 
-// The length asked of libssh2 at once, for downloads too: a read that asks for more than the window was opened
-// with makes libssh2 1.10 announce a negative window when it is interrupted by a change of keys.
-constexpr std::size_t kReadSize = 65536;
-
 log4cpp::Category& category() {
     return log4cpp::Category::getInstance("k.Ssh");
 }
@@ -56,11 +52,15 @@ Ssh::Ssh(const std::string& host, const std::string& login, const std::string& p
          unsigned short port) {
     const SignalHold hold;
     secrets_.add(password);
-    startSession(host, noEncryption, port);
     try {
+        startSession(host, noEncryption, port);
         session_->authorize(login, password);
     } catch (const Exc<&SshAuthorizationFailed>&) {  // the error below says all that it does
+        session_.reset();
         throw KORVA_EXC(SshInvalidCredentials) % host;
+    } catch (...) {
+        session_.reset();  // here, where no signal disturbs the library
+        throw;
     }
 }
 
@@ -84,7 +84,7 @@ void Ssh::startSession(const std::string& host, bool noEncryption, unsigned shor
 
 int Ssh::exec(const std::string& command, std::istream& in, std::ostream& out, std::ostream& err,
               bool quietOutput, bool quietInput, Counter& counter) {
-    return run({command, in, out, err, quietOutput, quietInput, counter, kReadSize});
+    return run({command, in, out, err, quietOutput, quietInput, counter});
 }
 
 int Ssh::exec(const std::string& command, std::ostream& out, std::ostream& err, bool quietOutput,
@@ -120,7 +120,7 @@ int Ssh::get(std::ostream& out, std::ostream& err, const std::string& remotePath
     category().debugStream() << "Reading data from the remote file " << remotePath;
     const std::string command = boost::str(boost::format("cat %1%") % sh_quote(remotePath));
     std::istringstream noInput;
-    const int status = run({command, noInput, out, err, true, true, counter, kReadSize});
+    const int status = run({command, noInput, out, err, true, true, counter});
     if (status == 0 && !out.flush()) {  // the last bytes count as well
         throw KORVA_EXC(StreamWrite);
     }

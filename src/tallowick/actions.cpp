@@ -8,6 +8,7 @@
 #include "commons/stream_errors.h"
 #include "commons/termination.h"
 #include "tallowick/args_builder.h"
+#include "tallowick/second_error.h"
 #include "tallowick/status_refresh.h"
 
 #include <unistd.h>
@@ -50,8 +51,7 @@ Action::~Action() {
     try {
         saveIdle();
     } catch (const std::exception& e) {  // the run ends for another reason, which decides its status
-        theDebugLog->log(std::string(e.what()));
-        std::cerr << e.what();
+        tellSecondError(e);
     }
 }
 
@@ -78,20 +78,22 @@ Ssh* Action::getSsh() {
     return ssh_.get();
 }
 
+// The agent directory is quoted as part of the whole text only: what is seen on the source host is fixed.
+std::string Action::inAgentDirectory(const std::string& command) const {
+    ArgsBuilder line("sh");
+    line << "-c"
+         << "cd " + cfg().agent_dir + "; " + command;
+    return line.str();
+}
+
 int Action::execUser(const std::string& command, std::istream& in, std::ostream& out, std::ostream& err,
                      bool quietOutput, bool quietInput) {
-    // The agent directory is quoted as part of the whole text only: what is seen on the source host is fixed.
-    const std::string line = (ArgsBuilder("sh") << "-c"
-                                                << "cd " + cfg().agent_dir + "; " + command)
-                                 .str();
-    return getSsh()->exec(line, in, out, err, quietOutput, quietInput, Ssh::null_counter);
+    return getSsh()->exec(inAgentDirectory(command), in, out, err, quietOutput, quietInput,
+                          Ssh::null_counter);
 }
 
 int Action::execUser(const std::string& command, std::ostream& out, std::ostream& err, bool quietOutput) {
-    const std::string line = (ArgsBuilder("sh") << "-c"
-                                                << "cd " + cfg().agent_dir + "; " + command)
-                                 .str();
-    return getSsh()->exec(line, out, err, quietOutput, Ssh::null_counter);
+    return getSsh()->exec(inAgentDirectory(command), out, err, quietOutput, Ssh::null_counter);
 }
 
 int Action::execRoot(const std::string& command, std::istream& in, std::ostream& out, std::ostream& err,
@@ -108,9 +110,9 @@ int Action::execRoot(const std::string& command, std::istream& in, std::ostream&
     return execUser(asRoot, withPassword, out, err, quietOutput, quietInput);
 }
 
-int Action::execRoot(const std::string& command, std::ostream& out, std::ostream& err, bool quietOutput) {
+int Action::execRoot(const std::string& command, std::ostream& out, std::ostream& err, bool quietInput) {
     std::istringstream noInput;
-    return execRoot(command, noInput, out, err, quietOutput, false);
+    return execRoot(command, noInput, out, err, false, quietInput);
 }
 
 void Action::checkSudoPresence() {
@@ -174,6 +176,12 @@ void Action::setAlarmFunction() {
     }
 }
 
+void Action::clearAlarmFunction() {
+    if (ssh_) {
+        ssh_->setAlarm(nullptr);
+    }
+}
+
 void Action::doAlarm() {
     Action* const refreshed = pAction.exchange(nullptr);  // ticks that come meanwhile do nothing
     try {
@@ -199,8 +207,11 @@ void SendScoutAction::execute() {
     status().saveFile();
 
     const std::string scoutName = files::getScoutFileName();
+    if (!check_input_file(scoutName.c_str(), true)) {  // the opening of a FIFO would wait for its other end
+        throw KORVA_EXC(UnableToOpenScoutFile);
+    }
     std::ifstream scout(scoutName);
-    if (!scout || !check_input_file(scoutName.c_str(), true)) {
+    if (!scout) {
         throw KORVA_EXC(UnableToOpenScoutFile);
     }
     std::ofstream report(theSession->getScoutResultFileName(), std::ios::trunc);
@@ -246,7 +257,7 @@ void RemoveAgentAction::execute() {
 }
 
 void RemoveDumpingStatusAction::execute() {
-    // On this host, and by the path that it would have on the source host: the manager relies on both.
+    // On this host, by the path that it would have on the source host: so it is fixed.
     std::ignore = unlink(dumpingStatusPath().c_str());
 }
 

@@ -49,6 +49,8 @@ class Action : public Alarm {
 
     /// Registers the action with its connection, if there is one yet. Safe in a signal handler.
     void setAlarmFunction();
+    /// Takes the registration back.
+    void clearAlarmFunction();
 
   protected:
     const config& cfg() const { return *config_; }
@@ -65,7 +67,8 @@ class Action : public Alarm {
     /// The same as root through sudo, when it was asked for.
     int execRoot(const std::string& command, std::istream& in, std::ostream& out, std::ostream& err,
                  bool quietOutput, bool quietInput);
-    int execRoot(const std::string& command, std::ostream& out, std::ostream& err, bool quietOutput);
+    /// With an empty input; the output is logged.
+    int execRoot(const std::string& command, std::ostream& out, std::ostream& err, bool quietInput);
 
     /// Makes the login user the owner of a remote file that root has created. Throws CantTakeFileOwnership.
     void takeFile(const std::string& remotePath);
@@ -77,6 +80,7 @@ class Action : public Alarm {
     std::string dumpingStatusPath() const;
 
   private:
+    std::string inAgentDirectory(const std::string& command) const;
     void requireSudoCommand();
     void requireSudoRights();
     void saveIdle();
@@ -102,14 +106,15 @@ class GetDumpingStatusAction : public Action {
     void execute() override;
 };
 
-/// Removes the agent directory from the source host. Never fails: an agent that is gone is as good.
+/// Removes the agent directory from the source host. No failure on the way there or there is its own: an
+/// agent that is gone is as good.
 class RemoveAgentAction : public Action {
   public:
     RemoveAgentAction() : Action(false) {}
     void execute() override;
 };
 
-/// Removes the dumping status on this host. Opens no connection, and never fails.
+/// Removes the dumping status on this host, if there is one. Opens no connection.
 class RemoveDumpingStatusAction : public Action {
   public:
     RemoveDumpingStatusAction() : Action(true) {}

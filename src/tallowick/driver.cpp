@@ -9,6 +9,7 @@
 #include "tallowick/exit_status.h"
 #include "tallowick/lifetime.h"
 #include "tallowick/option_errors.h"
+#include "tallowick/second_error.h"
 #include "tallowick/start_stop_logger.h"
 #include "tallowick/usage.h"
 #include "utils/ovn_conf.h"
@@ -88,20 +89,12 @@ int execute(config& cfg) {
     }
 }
 
-// After a failed action its status stays: a second error is only told.
-void saveResult(LogLifetimeController& log, int status) {
+// After a failed action its outcome stays: a second error is only told.
+void saveResultOfFailure(LogLifetimeController& log) {
     try {
         log.close();
     } catch (const std::exception& error) {
-        if (status == kExitSuccess) {
-            throw;
-        }
-        if (const auto* traceable = dynamic_cast<const ExTraceable*>(&error)) {
-            theDebugLog->log(*traceable);
-        } else {
-            theDebugLog->log(std::string(error.what()));
-        }
-        std::cerr << error.what();
+        tellSecondError(error);
     }
 }
 
@@ -113,8 +106,18 @@ std::string getLogName(const config& cfg) {
 
 int do_actions(config& cfg) {
     LogLifetimeController log(getLogName(cfg));
-    const int status = execute(cfg);
-    saveResult(log, status);
+    int status = kExitFailure;
+    try {
+        status = execute(cfg);
+    } catch (...) {
+        saveResultOfFailure(log);
+        throw;
+    }
+    if (status == kExitSuccess) {
+        log.close();
+    } else {
+        saveResultOfFailure(log);
+    }
     return status;
 }
 
@@ -139,7 +142,10 @@ int real_main(int argc, char** argv) {
     }
     const SessionLifetimeController session(cfg.session_path);
     const DebugLogLifetimeController debugLog(false, cfg.verbose);
-    StartStopLogger run("Tallowick", argc, argv);
+    Secrets secrets;
+    secrets.add(cfg.password);
+    secrets.add(cfg.sudo_password);
+    StartStopLogger run("Tallowick", argc, argv, secrets);
     try {
         verify_options(&cfg);
     } catch (const Exc<&OptParsingError>& error) {

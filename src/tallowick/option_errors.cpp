@@ -10,26 +10,25 @@ constexpr const char* kSourceName = "./driver";
 
 }  // namespace
 
-void fail_parsing(const std::string& rule) {
-    throw KORVA_EXC(OptParsingError) % rule;
-}
-
 void req_action_argument_missed(const char* what) {
-    fail_parsing(boost::str(boost::format("%s is required unless --help or -h requested\n") % what));
+    throw KORVA_EXC(OptParsingError) %
+        boost::str(boost::format("%s is required unless --help or -h requested\n") % what);
 }
 
 void invalid_option(const char* what) {
-    fail_parsing(boost::str(boost::format("%1% is not allowed with --help or -h\n") % what));
+    throw KORVA_EXC(OptParsingError) %
+        boost::str(boost::format("%1% is not allowed with --help or -h\n") % what);
 }
 
 void extra_option(const char* option, const char* action) {
-    fail_parsing(boost::str(boost::format("'--%1%' only may be specified when '--%2%' is requested") %
-                            option % action));
+    throw KORVA_EXC(OptParsingError) %
+        boost::str(boost::format("'--%1%' only may be specified when '--%2%' is requested") % option %
+                   action);
 }
 
 void no_action_option(const char* option, const char* action) {
-    fail_parsing(
-        boost::str(boost::format("'--%1%' is required when '--%2%' action is requested") % option % action));
+    throw KORVA_EXC(OptParsingError) %
+        boost::str(boost::format("'--%1%' is required when '--%2%' action is requested") % option % action);
 }
 
 }  // namespace korva

@@ -3,15 +3,12 @@
 
 #include "commons/exception.h"
 
-#include <string>
-
 KORVA_ERROR_TAG(OptParsingError, "Unable to parse command line: %1%")
 
 namespace korva {
 
 // Each throws OptParsingError with the rule that the command line breaks.
 
-[[noreturn]] void fail_parsing(const std::string& rule);
 [[noreturn]] void req_action_argument_missed(const char* what);
 [[noreturn]] void invalid_option(const char* what);
 [[noreturn]] void extra_option(const char* option, const char* action);

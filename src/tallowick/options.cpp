@@ -12,6 +12,8 @@
 namespace korva {
 namespace {
 
+constexpr const char* kSourceName = "./driver";
+
 // The values of action options are the action identifiers; -h shares its own.
 enum Option : int {
     kOptNoContent = 256,
@@ -176,12 +178,27 @@ void applyOption(int opt, config& cfg) {
     }
 }
 
+// False when the scanner has found and told an error.
+bool scanOptions(int argc, char** argv, config& cfg) {
+    optind = 0;  // GNU: start anew
+    for (;;) {
+        const int opt = getopt_long(argc, argv, "h", static_cast<const option*>(kOptions), nullptr);
+        if (opt == -1) {
+            return true;
+        }
+        if (opt == '?' || opt == ':') {
+            return false;
+        }
+        applyOption(opt == 'h' ? static_cast<int>(kHelp) : opt, cfg);
+    }
+}
+
 void verifyActionIsOne(const config& cfg) {
     if (cfg.action == kNoAction) {
-        fail_parsing("No action given");
+        throw KORVA_EXC(OptParsingError) % "No action given";
     }
     if (cfg.action == kSeveralActions) {
-        fail_parsing("More than one action is given");
+        throw KORVA_EXC(OptParsingError) % "More than one action is given";
     }
 }
 
@@ -229,7 +246,7 @@ void verifyConnectionOptions(const config& cfg) {
         req_action_argument_missed("host");
     }
     if (cfg.port == -1) {
-        fail_parsing("port should be a number in [1, 65535] range");
+        throw KORVA_EXC(OptParsingError) % "port should be a number in [1, 65535] range";
     }
     if (cfg.login.empty()) {
         req_action_argument_missed("login");
@@ -238,7 +255,8 @@ void verifyConnectionOptions(const config& cfg) {
         req_action_argument_missed("password");
     }
     if (cfg.sudo && !cfg.sudo_password_provided) {
-        fail_parsing("OVN_SUDO_PASSWORD environment variable is not provided with --sudo-password\n");
+        throw KORVA_EXC(OptParsingError) %
+            "OVN_SUDO_PASSWORD environment variable is not provided with --sudo-password\n";
     }
 }
 
@@ -267,20 +285,10 @@ bool isAction(int option) {
 }
 
 bool parse_options(int argc, char** argv, config* cfg) {
-    optind = 0;  // GNU: start anew
-    for (;;) {
-        const int opt = getopt_long(argc, argv, "h", static_cast<const option*>(kOptions), nullptr);
-        if (opt == -1) {
-            break;
-        }
-        if (opt == '?' || opt == ':') {
-            return false;
-        }
-        applyOption(opt == 'h' ? static_cast<int>(kHelp) : opt, *cfg);
-    }
+    const bool scanned = scanOptions(argc, argv, *cfg);
     cfg->password = get_env_noncrypted_password();
     forgetSudoPassword();
-    return true;
+    return scanned;
 }
 
 void verify_options(config* cfg) {

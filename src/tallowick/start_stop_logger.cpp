@@ -11,10 +11,10 @@ namespace korva {
 
 std::vector<std::function<void()>> childDaemonHandlers;
 
-StartStopLogger::StartStopLogger(const std::string& name, int argc, char** argv)
+StartStopLogger::StartStopLogger(const std::string& name, int argc, char** argv, const Secrets& secrets)
     : name_(name), pid_(getpid()) {
     for (int i = 0; i < argc; ++i) {
-        arguments_ << argv[i];
+        arguments_ << secrets.mask(argv[i]);
     }
     theDebugLog->log(name_ + " started : " + arguments_.getStringRepresentation());
     childDaemonHandlers.emplace_back([this] { daemonized(); });

@@ -2,6 +2,7 @@
 #pragma once
 
 #include "commons/arg_list.h"
+#include "commons/secret_mask.h"
 
 #include <sys/types.h>
 
@@ -17,7 +18,8 @@ extern std::vector<std::function<void()>> childDaemonHandlers;
 /// Records the start and the end of a run in the debug log.
 class StartStopLogger {
   public:
-    StartStopLogger(const std::string& name, int argc, char** argv);
+    /// Logs the command line with `secrets` hidden, should somebody have typed one.
+    StartStopLogger(const std::string& name, int argc, char** argv, const Secrets& secrets);
     StartStopLogger(const StartStopLogger&) = delete;
     StartStopLogger& operator=(const StartStopLogger&) = delete;
     ~StartStopLogger();

@@ -31,13 +31,14 @@ void update_status(int /*signal*/) {
     armNextTick();
 }
 
-StatusRefreshScope::StatusRefreshScope(Action& action) {
+StatusRefreshScope::StatusRefreshScope(Action& action) : action_(action) {
     pAction = &action;
     armNextTick();
 }
 
 StatusRefreshScope::~StatusRefreshScope() {
     pAction = nullptr;
+    action_.clearAlarmFunction();
 }
 
 }  // namespace korva

@@ -23,8 +23,11 @@ class StatusRefreshScope {
     explicit StatusRefreshScope(Action& action);
     StatusRefreshScope(const StatusRefreshScope&) = delete;
     StatusRefreshScope& operator=(const StatusRefreshScope&) = delete;
-    /// A tick that is still pending finds nothing to do.
+    /// Neither a tick that is still pending nor one that was not served yet refreshes anything afterwards.
     ~StatusRefreshScope();
+
+  private:
+    Action& action_;
 };
 
 }  // namespace korva

@@ -6,7 +6,7 @@
 namespace korva {
 
 void usage() {
-    // The manager's developers compare this text: blanks at the ends of lines included.
+    // Fixed to the byte: the blanks at the ends of two lines are meant.
     std::cout << R"(Usage: [OVN_PASSWORD=<password> | OVN_SUDO_PASSWORD = <sudo_password>] tallowick )"
                  "\n"
                  R"(          --host=<hostname or IP address> (obsolete alias is --ip)

@@ -25,7 +25,7 @@ const passwd* findAccount(const std::string& user) {
 uid_t get_user_id(const std::string& user) {
     const passwd* account = findAccount(user);
     if (account == nullptr) {
-        logUtility("Unable to find uid for user %s: %s", user, std::strerror(errno));
+        logUtility("Unable to find uid for user %s: %s", user, std::strerror(errno != 0 ? errno : ENOENT));
         return 0;
     }
     return account->pw_uid;
@@ -51,7 +51,8 @@ int p_setuid(const std::string& user) {
         return -1;
     }
     if (::initgroups(user.c_str(), gid) != 0) {
-        messlog2(1, 1, "Unable to init new groups for user %s: %s", user.c_str(), std::strerror(errno));
+        messlog2(1, 1, "Unable to init new groups for user %s: %s", user.c_str(),
+                 std::strerror(errno != 0 ? errno : ENOENT));
     }
     if (::setgid(gid) != 0) {
         messlog2(1, 1, "Failed to setgid: %d\n", errno);

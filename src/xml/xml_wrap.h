@@ -42,8 +42,8 @@ class tXmlDocument {
 
     /// Replaces `path` as a whole by a file of mode 0600 that belongs to the panel's account: readers see the
     /// old document or the new one. Throws CantCreateTempFile, tError_SaveFile, CantTakeFileOwnership (also
-    /// when there is no such account) and CantRenameFile. After each of the last three the temporary file
-    /// beside `path` stays.
+    /// when there is no such account) and CantRenameFile. A temporary file that did
+    /// not get its final name stays beside `path`.
     void saveToFileAtomically(const std::filesystem::path& path, Durability durability) const;
     /// Throws tError_SaveFile when the stream fails.
     void saveToStream(std::ostream& stream) const;
