@@ -8,7 +8,7 @@ void XmlMsgFormatter::setCode(const std::string& code) {
 }
 
 void XmlMsgFormatter::setId(const std::string& id) {
-    document_.addAttribute(current_, "id", id.c_str());
+    document_.addAttribute(current_, "id", id.substr(0, id.find('\0')));
 }
 
 void XmlMsgFormatter::setMessage(const std::string& message) {

@@ -7,6 +7,8 @@
 
 #include <cstdarg>
 #include <cstdio>
+#include <tuple>
+#include <utility>
 
 namespace korva {
 namespace {
@@ -44,7 +46,7 @@ void libxmlErrorHandler(void* context, const char* format, ...) {
     if (length > 0) {
         try {
             std::string message(static_cast<std::string::size_type>(length), '\0');
-            std::vsnprintf(message.data(), message.size() + 1, format, again);
+            std::ignore = std::vsnprintf(message.data(), message.size() + 1, format, again);
             *static_cast<std::string*>(context) += message;
         } catch (...) {
             // Out of memory: no exception may pass through libxml2, and it reports the failure by its result.
@@ -65,9 +67,9 @@ xmlNodePtr getXmlChild(xmlNodePtr node, const std::string& name) {
     return child;
 }
 
-tXPathExpr::tXPathExpr(const tXmlDocument& document, const std::string& expression, xmlNodePtr contextNode)
+tXPathExpr::tXPathExpr(const tXmlDocument& document, std::string expression, xmlNodePtr contextNode)
     : doc_(document.doc()),
-      expression_(expression),
+      expression_(std::move(expression)),
       xpathCtx_(newContext(doc_.get(), contextNode)),
       result_(evaluate(expression_, xpathCtx_.get())) {}
 

@@ -21,7 +21,7 @@ xmlNodePtr getXmlChild(xmlNodePtr node, const std::string& name);
 class tXPathExpr {
   public:
     /// Throws tError_XPath_CantEvaluate. `contextNode` is where relative expressions start.
-    tXPathExpr(const tXmlDocument& document, const std::string& expression, xmlNodePtr contextNode);
+    tXPathExpr(const tXmlDocument& document, std::string expression, xmlNodePtr contextNode);
 
     /// By the rules of XPath's string(): that of the first node, or empty, for a set of nodes.
     std::string str() const;

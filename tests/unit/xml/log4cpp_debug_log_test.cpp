@@ -32,7 +32,7 @@ TEST_F(DebugLogOfLog4cpp, WritesToItsCategoryAtInfo) {
 }
 
 TEST_F(DebugLogOfLog4cpp, KeepsBytesAsTheyAre) {
-    const std::string bytes("a\0b\xFF\n%s%n%1%\r", 14);
+    const std::string bytes("a\0b\xFF\n%s%n%1%\r", 13);
     debugLog.log(bytes);
     EXPECT_THAT(captured.records(), ElementsAre(infoRecord(bytes)));
 }

@@ -68,8 +68,9 @@ std::string billionLaughs(const std::string& kind, const std::string& reference)
 /// One long entity, used in 20000 places: 4 GB from less than half a megabyte.
 std::string quadraticBlowUp(const std::string& before, const std::string& after) {
     std::string content = "<!DOCTYPE c [<!ENTITY a \"" + std::string(200000, 'a') + "\">]><c>";
+    const std::string use = before + "&a;" + after;
     for (int i = 0; i < 20000; ++i) {
-        content += before + "&a;" + after;
+        content += use;
     }
     return content + "</c>";
 }
