@@ -48,8 +48,9 @@ class SshConnect : public SshOverFake {
 TEST_F(SshConnect, ConnectsStartsAndAuthenticatesOnce) {
     construct();
     EXPECT_EQ(1, connections());
-    EXPECT_THAT(fake().calls, ElementsAre("session_init", "startup", "userauth_list user",
-                                          std::string("password user ") + kPassword, "session_free"));
+    EXPECT_THAT(fake().calls,
+                ElementsAre("session_init", "set_timeout 120000", "startup", "userauth_list user",
+                            std::string("password user ") + kPassword, "session_free"));
 }
 
 TEST_F(SshConnect, PassesTheRequestForNoEncryptionOn) {
@@ -62,10 +63,11 @@ TEST_F(SshConnect, TriesOnceMoreInCompatibilityModeOnANewConnection) {
     construct();
     EXPECT_EQ(2, connections());
     EXPECT_THAT(fake().calls,
-                ElementsAre("session_init", "startup", "session_free", "session_init",
-                            "method_pref 0 diffie-hellman-group1-sha1", "startup", "userauth_list user",
-                            std::string("password user ") + kPassword, "open session 65536 16384",
-                            "set_blocking 0", "exec cat", "set_blocking 0", "free", "session_free"));
+                ElementsAre("session_init", "set_timeout 120000", "startup", "session_free", "session_init",
+                            "method_pref 0 diffie-hellman-group1-sha1", "set_timeout 120000", "startup",
+                            "userauth_list user", std::string("password user ") + kPassword,
+                            "open session 65536 16384", "set_blocking 0", "exec cat", "set_blocking 0",
+                            "free", "session_free"));
     EXPECT_THAT(log().records(),
                 Contains(debugRecord("k.Ssh", "Attempt to start SSH session in a 'compatibility' mode")));
 }
@@ -125,7 +127,7 @@ TEST_F(SshConnect, LetsTicksInWhileItWaits) {
     fake().opens = {LIBSSH2_ERROR_EAGAIN, LIBSSH2_ERROR_EAGAIN, LIBSSH2_ERROR_EAGAIN};
     fake().startup = {LIBSSH2_ERROR_KEY_EXCHANGE_FAILURE, 0};
     construct();
-    EXPECT_GE(waits().waits.size(), 3U);
+    EXPECT_FALSE(waits().waits.empty());
     for (const test::WaitProbe::Wait& wait : waits().waits) {
         EXPECT_TRUE(wait.letsAlarmIn);
     }

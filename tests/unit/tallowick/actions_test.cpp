@@ -377,7 +377,7 @@ TEST_F(ActionStatus, ThatCannotBeSavedAfterAFailureIsToldAndNothingElse) {
     { const OpenAction action(true); }
     const std::string message = "Cannot rename migration.status.tmp to migration.status: the reason";
     EXPECT_EQ(message, standardError.str());
-    EXPECT_THAT(debugLog.texts, ElementsAre(message));
+    EXPECT_THAT(debugLog.errors, ElementsAre(message));
 }
 
 }  // namespace

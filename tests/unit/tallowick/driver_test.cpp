@@ -287,7 +287,7 @@ TEST_F(UnsavedIdleStatus, LeavesTheStatusOfAFailedActionAndIsToldBesideIt) {
     letActionDo([] { throw Exc<&SshConnectionFault>("context", "file", 1); }, true);
     EXPECT_EQ(18, do_actions(cfg));
     EXPECT_EQ(std::string(kSaveError) + "Lost connection with the remote host", error.str());
-    EXPECT_THAT(debugLog.texts, ElementsAre(kSaveError));
+    EXPECT_THAT(debugLog.errors, ElementsAre(kSaveError, "Lost connection with the remote host"));
     EXPECT_THAT(result(), AllOf(HasSubstr("SshConnectionFault"), Not(HasSubstr("CantRenameFile"))));
 }
 
