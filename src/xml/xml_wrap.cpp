@@ -168,7 +168,7 @@ void tXmlDocument::readFromFile(const char* fileName) {
 
 void tXmlDocument::saveToFile(const char* fileName) const {
     requireFileName(fileName);
-    // Not xmlSaveFile(): it does not notice when what stands in stdio's buffer cannot be written.
+    // Not xmlSaveFile(): whether it passes on a failure to write or close depends on its version.
     std::string bytes;
     if (!serialise(doc_, bytes) || !writeFile(fileName, bytes)) {
         throw KORVA_EXC(tError_SaveFile) % fileName;

@@ -363,6 +363,8 @@ TEST(SaveXmlAtomically, FlushesTheFileBeforeTheRenameAndTheDirectoryAfterIt) {
     const std::vector<std::string>& flushed = FakeFsync::flushed();
     ASSERT_FALSE(flushed.empty());
     EXPECT_THAT(flushed.front(), MatchesRegex((dir / "small.xml") + "......"));
+    // The directory once more when it holds the name that the document keeps.
+    EXPECT_THAT(flushed, testing::IsSupersetOf({dir / "small.xml", dir.path()}));
     EXPECT_EQ(flushed.back(), dir.path());
 }
 
