@@ -70,6 +70,20 @@ def test_validation_errors_tell_no_password(tallowick):
     assert_nowhere(run, "some-Login-1", "some-Sudo-1")
 
 
+def test_password_typed_on_the_command_line_by_mistake_stays_out_of_the_log(tallowick, server):
+    run = tallowick.run("--send-scout", *source(server), f"--dumps-dir={MOVER.password}", "--content-transport",
+                        MOVER.password)
+    assert run.status == 0
+    assert_nowhere(run, MOVER.password)
+
+
+def test_parts_of_a_password_in_the_options_of_a_run_are_not_masked(tallowick, server):
+    run = tallowick.run("--send-scout", "--sudo-password", *source(server, OWNER), password=OWNER.password,
+                        sudo_password="scout sudo password host login")
+    assert f"--send-scout --sudo-password --host=127.0.0.1 --port={server.port} --login=owner" in \
+        run.session.records[0].text
+
+
 def test_password_line_that_perl_quotes_in_its_error_is_masked(tallowick, server):
     run = tallowick.run("--send-scout", "--sudo-password", *source(server, NOPASS), password=NOPASS.password,
                         sudo_password=NOPASS.password)
