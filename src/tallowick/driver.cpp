@@ -142,10 +142,7 @@ int real_main(int argc, char** argv) {
     }
     const SessionLifetimeController session(cfg.session_path);
     const DebugLogLifetimeController debugLog(false, cfg.verbose);
-    Secrets secrets;
-    secrets.add(cfg.password);
-    secrets.add(cfg.sudo_password);
-    StartStopLogger run("Tallowick", argc, argv, secrets);
+    StartStopLogger run("Tallowick", argc, argv, {cfg.password, cfg.sudo_password});
     try {
         verify_options(&cfg);
     } catch (const Exc<&OptParsingError>& error) {

@@ -1,22 +1,36 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "tallowick/start_stop_logger.h"
 
+#include "commons/sh_quote.h"
 #include "xml/log.h"
 
+#include <boost/algorithm/string/replace.hpp>
 #include <boost/format.hpp>
 
 #include <unistd.h>
 
 namespace korva {
+namespace {
+
+// `commandLine` is quoted word by word, and so is what is looked for.
+std::string hide(std::string commandLine, const std::vector<std::string>& secrets) {
+    for (const std::string& secret : secrets) {
+        boost::algorithm::replace_all(commandLine, sh_quote(secret), "********");
+    }
+    return commandLine;
+}
+
+}  // namespace
 
 std::vector<std::function<void()>> childDaemonHandlers;
 
-StartStopLogger::StartStopLogger(const std::string& name, int argc, char** argv, const Secrets& secrets)
+StartStopLogger::StartStopLogger(const std::string& name, int argc, char** argv,
+                                 const std::vector<std::string>& secrets)
     : name_(name), pid_(getpid()) {
     for (int i = 0; i < argc; ++i) {
-        arguments_ << secrets.mask(argv[i]);
+        arguments_ << argv[i];
     }
-    theDebugLog->log(name_ + " started : " + arguments_.getStringRepresentation());
+    theDebugLog->log(name_ + " started : " + hide(arguments_.getStringRepresentation(), secrets));
     childDaemonHandlers.emplace_back([this] { daemonized(); });
 }
 

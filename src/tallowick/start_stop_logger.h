@@ -2,7 +2,6 @@
 #pragma once
 
 #include "commons/arg_list.h"
-#include "commons/secret_mask.h"
 
 #include <sys/types.h>
 
@@ -18,8 +17,9 @@ extern std::vector<std::function<void()>> childDaemonHandlers;
 /// Records the start and the end of a run in the debug log.
 class StartStopLogger {
   public:
-    /// Logs the command line with `secrets` hidden, should somebody have typed one.
-    StartStopLogger(const std::string& name, int argc, char** argv, const Secrets& secrets);
+    /// Logs the command line; where it holds one of `secrets` whole, typed there by mistake, with that
+    /// hidden. Parts of them stay, since words of the options may look like one.
+    StartStopLogger(const std::string& name, int argc, char** argv, const std::vector<std::string>& secrets);
     StartStopLogger(const StartStopLogger&) = delete;
     StartStopLogger& operator=(const StartStopLogger&) = delete;
     ~StartStopLogger();

@@ -140,6 +140,10 @@ int libssh2_session_method_pref(LIBSSH2_SESSION* /*session*/, int methodType, co
     return std::strcmp(prefs, "none") == 0 ? LIBSSH2_ERROR_METHOD_NOT_SUPPORTED : 0;
 }
 
+void libssh2_session_set_timeout(LIBSSH2_SESSION* /*session*/, long timeout) {
+    fake().record("set_timeout " + std::to_string(timeout));
+}
+
 int libssh2_session_startup(LIBSSH2_SESSION* /*session*/, int /*sock*/) {
     fake().record("startup");
     return takeResult(fake().startup);

@@ -32,6 +32,7 @@ struct Settings {
     std::string login;
     std::string passwordVariable = "OVN_PASSWORD";
     std::string extraSecretVariable;
+    bool noEncryption = false;
     int timerMs = 0;
     int terminateAfterChunks = 0;
     std::string alarmFile;
@@ -148,6 +149,8 @@ void readSettings(Arguments& arguments, Settings& settings) {
             settings.extraSecretVariable = arguments.take();
         } else if (option == "--log") {
             logTo(arguments.take());
+        } else if (option == "--no-encryption") {
+            settings.noEncryption = true;
         } else if (option == "--timer-ms") {
             settings.timerMs = std::stoi(arguments.take());
         } else if (option == "--terminate-after-chunks") {
@@ -266,7 +269,8 @@ int main(int argc, char** argv) {
         if (settings.timerMs > 0) {
             startTimer(settings.timerMs);
         }
-        Ssh ssh(settings.host, settings.login, passwordOf(settings.passwordVariable), false, settings.port);
+        Ssh ssh(settings.host, settings.login, passwordOf(settings.passwordVariable), settings.noEncryption,
+                settings.port);
         ssh.addSecret(passwordOf(settings.extraSecretVariable));
         std::cout << "connected" << std::endl;
         ProbeAlarm alarm(ssh, settings);

@@ -130,32 +130,5 @@ TEST_F(SocketWait, EndsWhenAFullSocketTakesBytesAgain) {
     ::waitpid(child, nullptr, 0);
 }
 
-TEST_F(SocketWait, FindsFirstBytes) {
-    receiveAByte();
-    EXPECT_TRUE(waitForFirstBytes(fd(), kFarTooLongMs));
-}
-
-TEST_F(SocketWait, TakesTheEndOfTheConnectionForFirstBytes) {
-    loseTheOtherSide();
-    EXPECT_TRUE(waitForFirstBytes(fd(), kFarTooLongMs));
-}
-
-TEST_F(SocketWait, GivesUpOnASilentServer) {
-    EXPECT_FALSE(waitForFirstBytes(fd(), 20));
-    EXPECT_FALSE(waitForFirstBytes(fd(), 0));
-}
-
-TEST_F(SocketWait, IsNotShortenedByTicksWhileItWaitsForFirstBytes) {
-    const TickingTimer timer;
-    const auto duration = durationOf([this] { EXPECT_FALSE(waitForFirstBytes(fd(), 100)); });
-    EXPECT_GE(duration, milliseconds(100));
-    EXPECT_GE(ticks, 2);
-}
-
-TEST_F(SocketWait, IsNotProlongedByTicksWhileItWaitsForFirstBytes) {
-    const TickingTimer timer;
-    EXPECT_LT(durationOf([this] { EXPECT_FALSE(waitForFirstBytes(fd(), 50)); }), milliseconds(kFarTooLongMs));
-}
-
 }  // namespace
 }  // namespace korva

@@ -160,8 +160,8 @@ TEST_F(ExecRoot, SendsExactlyWhatExecUserSendsWithoutTheSudoFlag) {
     cfg.sudo_password = "unused";
     rootWithInput("rm -rf x", "the input");
     userWithInput("rm -rf x", "the input");
-    action.execRoot("true", out, err, true);
-    action.execUser("true", out, err, true);
+    action.execRoot("true", out, err, false);
+    action.execUser("true", out, err, false);
     ASSERT_EQ(4U, ssh.commands.size());
     for (const std::size_t first : {0U, 2U}) {
         EXPECT_EQ(ssh.commands[first].line, ssh.commands[first + 1].line);

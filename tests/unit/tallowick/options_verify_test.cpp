@@ -2,6 +2,7 @@
 #include "tallowick/option_errors.h"
 #include "tallowick/options.h"
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <functional>
@@ -195,11 +196,12 @@ TEST(OptionErrors, AreRaisedInTheDriversName) {
         void setCode(const std::string& value) override { code = value; }
         void setId(const std::string& /*id*/) override {}
         void setMessage(const std::string& /*message*/) override {}
-        void setContext(const std::string& /*context*/) override {}
+        void setContext(const std::string& value) override { context = value; }
         void setFile(const std::string& value) override { file = value; }
         void setLine(int /*line*/) override {}
         void advanceToInnerException() override {}
         std::string code;
+        std::string context;
         std::string file;
     } visitor;
     config cfg = complete(kNoAction);
@@ -210,6 +212,13 @@ TEST(OptionErrors, AreRaisedInTheDriversName) {
     }
     EXPECT_EQ("OptParsingError", visitor.code);
     EXPECT_EQ("./driver", visitor.file);
+    EXPECT_THAT(visitor.context, testing::HasSubstr("verifyActionIsOne("));
+    try {
+        extra_option("no-content", "dump-*");
+    } catch (const ExTraceable& error) {
+        error.accept(visitor);
+    }
+    EXPECT_THAT(visitor.context, testing::HasSubstr("extra_option("));
 }
 
 }  // namespace

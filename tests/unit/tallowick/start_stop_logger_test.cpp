@@ -20,7 +20,8 @@ using test::RecordingDebugLog;
 using testing::ElementsAre;
 
 /// What is logged of a run with these arguments and this exit code.
-std::vector<std::string> logOfRun(std::vector<std::string> arguments, std::optional<int> exitCode) {
+std::vector<std::string> logOfRun(std::vector<std::string> arguments, std::optional<int> exitCode,
+                                  const std::string& secret = "") {
     std::vector<char*> argv;
     for (std::string& argument : arguments) {
         argv.push_back(argument.data());
@@ -28,7 +29,7 @@ std::vector<std::string> logOfRun(std::vector<std::string> arguments, std::optio
     argv.push_back(nullptr);
     RecordingDebugLog log;
     {
-        StartStopLogger run("Tallowick", static_cast<int>(arguments.size()), argv.data());
+        StartStopLogger run("Tallowick", static_cast<int>(arguments.size()), argv.data(), {secret});
         if (exitCode) {
             run.setExitCode(*exitCode);
         }
@@ -40,6 +41,13 @@ TEST(StartStopLogger, RecordsTheQuotedCommandLineAndTheExitCode) {
     EXPECT_THAT(logOfRun({"/usr/bin/tallowick", "--host", "", "--agent-dir=a b"}, 17),
                 ElementsAre("Tallowick started : /usr/bin/tallowick --host '' --agent-dir=a\\ b",
                             "Tallowick finished. Exit code: 17"));
+}
+
+TEST(StartStopLogger, HidesAPasswordThatWasTypedOnTheCommandLine) {
+    EXPECT_EQ(
+        "Tallowick started : tallowick --sudo-password ******** --login=********x",
+        logOfRun({"tallowick", "--sudo-password", "it's $ecret", "--login=it's $ecretx"}, 1, "it's $ecret")
+            .front());
 }
 
 TEST(StartStopLogger, RecordsSuccess) {
@@ -57,7 +65,7 @@ TEST(StartStopLogger, IsToldWhenTheProcessTurnsIntoADaemon) {
     char name[] = "tallowick";
     char* argv[] = {name, nullptr};
     {
-        const StartStopLogger run("Tallowick", 1, argv);
+        const StartStopLogger run("Tallowick", 1, argv, {});
         ASSERT_EQ(1U, childDaemonHandlers.size());
         childDaemonHandlers.front()();
         EXPECT_EQ("Tallowick " + pid + " -> (" + pid + " daemon)", log.texts.back());
@@ -69,7 +77,7 @@ TEST(StartStopLogger, TellsTheFirstProcessIdBesideThatOfTheDaemon) {
     RecordingDebugLog log;
     char name[] = "tallowick";
     char* argv[] = {name, nullptr};
-    const StartStopLogger run("Tallowick", 1, argv);
+    const StartStopLogger run("Tallowick", 1, argv, {});
     const std::string parent = std::to_string(getpid());
     const pid_t child = fork();
     if (child == 0) {

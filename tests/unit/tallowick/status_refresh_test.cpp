@@ -143,6 +143,16 @@ TEST_F(StatusRefresh, HappensAtMostOnceForATick) {
     EXPECT_EQ(2U, ssh.commands.size());
 }
 
+TEST_F(StatusRefresh, LeavesNothingToServeAfterItsEnd) {
+    action.getSsh();
+    {
+        const StatusRefreshScope scope(action);
+        raise(SIGALRM);
+    }
+    ssh.open->serveAlarm();
+    EXPECT_TRUE(ssh.commands.empty());
+}
+
 TEST_F(StatusRefresh, GoesOnWhenTheDumperHasNotWrittenItsStatusYet) {
     pAction = &action;
     writeFile(localStatus(), "old");
