@@ -7,6 +7,7 @@
 #include <csignal>
 #include <exception>
 #include <iostream>
+#include <tuple>
 
 namespace {
 
@@ -16,8 +17,8 @@ void prepareSignals() {
     sigset_t none;
     sigemptyset(&none);
     sigprocmask(SIG_SETMASK, &none, nullptr);
-    std::signal(SIGPIPE, SIG_IGN);
-    std::signal(SIGXFSZ, SIG_IGN);
+    std::ignore = std::signal(SIGPIPE, SIG_IGN);
+    std::ignore = std::signal(SIGXFSZ, SIG_IGN);
 }
 
 }  // namespace

@@ -9,6 +9,8 @@
 
 #include <unistd.h>
 
+#include <utility>
+
 namespace korva {
 namespace {
 
@@ -24,9 +26,9 @@ std::string hide(std::string commandLine, const std::vector<std::string>& secret
 
 std::vector<std::function<void()>> childDaemonHandlers;
 
-StartStopLogger::StartStopLogger(const std::string& name, int argc, char** argv,
+StartStopLogger::StartStopLogger(std::string name, int argc, char** argv,
                                  const std::vector<std::string>& secrets)
-    : name_(name), pid_(getpid()) {
+    : name_(std::move(name)), pid_(getpid()) {
     for (int i = 0; i < argc; ++i) {
         arguments_ << argv[i];
     }

@@ -19,7 +19,7 @@ class StartStopLogger {
   public:
     /// Logs the command line; where it holds one of `secrets` whole, typed there by mistake, with that
     /// hidden. Parts of them stay, since words of the options may look like one.
-    StartStopLogger(const std::string& name, int argc, char** argv, const std::vector<std::string>& secrets);
+    StartStopLogger(std::string name, int argc, char** argv, const std::vector<std::string>& secrets);
     StartStopLogger(const StartStopLogger&) = delete;
     StartStopLogger& operator=(const StartStopLogger&) = delete;
     ~StartStopLogger();

@@ -1,12 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "utils/env_password.h"
 
-#include <string.h>
 #include <unistd.h>
 
 #include <array>
 #include <cstddef>
 #include <cstdlib>
+#include <cstring>
 #include <string_view>
 
 namespace korva {
@@ -18,7 +18,7 @@ constexpr const char* kSudoPassword = "OVN_SUDO_PASSWORD";
 /// Removes every definition of the variable, overwriting its value in place: unsetenv(3) alone would leave it
 /// to be read in /proc/PID/environ.
 void eraseVariable(const char* name) {
-    const std::size_t nameLength = ::strlen(name);
+    const std::size_t nameLength = std::strlen(name);
     for (char** entry = environ; entry != nullptr && *entry != nullptr; ++entry) {
         const std::string_view definition(*entry);
         if (definition.size() > nameLength && definition.starts_with(name) && definition[nameLength] == '=') {
@@ -36,7 +36,7 @@ const char* get_env_noncrypted_password() {
     if (!taken) {
         taken = true;
         if (const char* value = std::getenv(kPassword)) {
-            ::strncpy(buffer.data(), value, buffer.size() - 1);
+            std::strncpy(buffer.data(), value, buffer.size() - 1);
             eraseVariable(kPassword);
         }
     }

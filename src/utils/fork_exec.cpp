@@ -19,6 +19,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <exception>
+#include <tuple>
 #include <utility>
 
 namespace korva {
@@ -191,8 +192,8 @@ void setEnvironment(const std::map<std::string, std::string>& env) {
 
 /// An ignored signal and the mask would last beyond exec.
 void resetSignals() {
-    std::signal(SIGPIPE, SIG_DFL);
-    std::signal(SIGXFSZ, SIG_DFL);
+    std::ignore = std::signal(SIGPIPE, SIG_DFL);
+    std::ignore = std::signal(SIGXFSZ, SIG_DFL);
     sigset_t none;
     ::sigemptyset(&none);
     ::sigprocmask(SIG_SETMASK, &none, nullptr);
