@@ -120,7 +120,8 @@ TEST_F(SessionDirectory, IsRefusedWhereItCannotBeLookedUp) {
 TEST_F(SessionDirectory, IsCreatedWithGroupZeroAndAMessageWithoutTheAccount) {
     const SessionFiles session(directory / "session");
     if (::getpwnam("ovnadm") == nullptr) {
-        EXPECT_THAT(log.messages(), testing::Each("Unable to find uid for user ovnadm: No such file or directory"));
+        EXPECT_THAT(log.messages(),
+                    testing::Each("Unable to find uid for user ovnadm: No such file or directory"));
         EXPECT_EQ(2U, log.messages().size());
     } else {
         EXPECT_TRUE(log.messages().empty());

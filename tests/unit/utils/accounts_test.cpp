@@ -28,7 +28,8 @@ TEST(GetUserId, FindsAnAccount) {
 TEST(GetUserId, LogsAnUnknownAccountAndGivesZero) {
     const UtilityLogCapture log;
     EXPECT_EQ(0U, get_user_id(kUnknown));
-    EXPECT_THAT(log.messages(), ElementsAre("Unable to find uid for user no-such-account: No such file or directory"));
+    EXPECT_THAT(log.messages(),
+                ElementsAre("Unable to find uid for user no-such-account: No such file or directory"));
 }
 
 TEST(KorvaUgid, GivesUserAndGroup) {
