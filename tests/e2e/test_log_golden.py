@@ -7,13 +7,16 @@
 import os
 import pathlib
 import re
+import resource
 import socket
 
 import pytest
 
 from harness.accounts import OWNER
+from harness.isolation import without_account
 from harness.places import make_dir, write
 from harness.probe import execute, get, put
+from harness.product import configure
 from harness.program import source
 from harness.relay import FIN, Fault
 from harness.session import parse_log
@@ -26,6 +29,7 @@ PATTERNS = [
     (re.compile(r"\b[0-9a-f]{8}-[0-9a-f]{4}-4[0-9a-f]{3}-8[0-9a-f]{3}-[0-9a-f]{12}\0"), "{id}"),
     (re.compile(r"\baes\d+-(ctr|cbc)\b"), "{cipher}"),
     (re.compile(r"(?<=SSH session was not started: ).+"), "{library}"),
+    (re.compile(r"(?<=/migration\.(?:status|result))\w{6}(?=:)"), "{six}"),
     (re.compile(r"(\[\./[\w.-]+):\d+\]\n[^\n]*\b\w+\([^\n]*(\n|$)"), r"\1:{line}]\n{function}\2"),
 ]
 
@@ -66,9 +70,7 @@ def test_failing_scout_through_sudo(tallowick, start_sshd, workspace):
     server = start_sshd(path=f"{tools}:/usr/bin:/bin")
     run = tallowick.run("--send-scout", "--sudo-password", *source(server, OWNER), password=OWNER.password,
                         sudo_password="a sudo Password")
-    # How a masked input is logged is free; that nothing of it is told is not.
-    records = [record for record in run.session.records if not record.text.startswith("remote stdin <- ")]
-    compare("sudo", records, program=run.command[0], session=run.session.path, port=server.port)
+    compare_run("sudo", run, port=server.port)
 
 
 def test_dumping_status(tallowick, server, outbox):
@@ -104,6 +106,29 @@ def test_unknown_host(tallowick):
 
 def test_validation_error(tallowick):
     compare_run("validation-error", tallowick.run("--send-scout"))
+
+
+def test_malformed_host_configuration_without_the_panels_account(tallowick, product, workspace):
+    configure("# a comment\nPRODUCT_ROOT_D=/opt/p\nDUMP_TMP_D\nPRODUCT_ROOT_D /usr/local/ovn\n")
+    run = tallowick.run("--remove-dumping-status", password=None, prefix=without_account("ovnadm", workspace))
+    assert run.status == 2
+    program = next(word for word in map(str, run.command) if word.endswith("/tallowick"))
+    compare("host-configuration", run.session.records, program=program, session=run.session.path)
+
+
+def test_missing_host_configuration(tallowick, product):
+    configure(None)
+    run = tallowick.run("--remove-dumping-status", password=None)
+    assert run.status == 0
+    compare_run("no-host-configuration", run)
+
+
+def test_run_without_a_reported_exit_code(tallowick_release, server):
+    # Descriptors run out at socket(), as in the test of that failure; how many are open before is searched for.
+    runs = (tallowick_release.run("--send-scout", *source(server), preexec_fn=lambda most=limit: resource.setrlimit(
+        resource.RLIMIT_NOFILE, (most, most))) for limit in range(4, 16))
+    run = next(run for run in runs if run.err.startswith("Uncaught std::exception: socket: ") and run.session.log)
+    compare_run("plain-exception", run, port=server.port)
 
 
 def test_every_operation_of_the_connection(probe, server, workspace, outbox):
