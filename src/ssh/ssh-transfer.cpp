@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "ssh/ssh-transfer.h"
 
+#include "commons/output_file.h"
 #include "commons/sh_quote.h"
 #include "commons/signal_hold.h"
 #include "commons/socket.h"
@@ -137,13 +138,12 @@ int Ssh::get(const std::string& localPath, std::ostream& err, const std::string&
              Counter& counter) {
     category().debugStream() << "Reading data to the file " << localPath;
     const UmaskScope umask(022);
-    std::ofstream file(localPath, std::ios::trunc);
+    OutputFile file(localPath);
     const int status = get(file, err, remotePath, counter);
-    file.close();
-    if (status != 0) {
+    if (status == 0) {
+        file.close();
+    } else if (file.isOpen()) {
         std::ignore = unlink(localPath.c_str());  // what is left says nothing that the status does not
-    } else if (!file) {
-        throw KORVA_EXC(StreamWrite);
     }
     return status;
 }

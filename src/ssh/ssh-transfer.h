@@ -64,7 +64,8 @@ class Ssh {
     int get(std::ostream& out, std::ostream& err, const std::string& remotePath, Counter& counter);
     int get(std::ostream& out, const std::string& remotePath);
     /// Downloads into `localPath`, created under umask 022 whatever the process umask, and deleted when the
-    /// status is not zero. Throws StreamWrite when the file cannot be opened, written or closed.
+    /// status is not zero. A symbolic link in its place is not followed, what is no regular file not opened.
+    /// Throws StreamWrite when the file cannot be opened, written or closed.
     int get(const std::string& localPath, std::ostream& err, const std::string& remotePath, Counter& counter);
     int get(const std::string& localPath, const std::string& remotePath);
 

@@ -2,10 +2,10 @@
 #include "tallowick/actions.h"
 
 #include "commons/filesystem.h"
+#include "commons/output_file.h"
 #include "commons/product_paths.h"
 #include "commons/session.h"
 #include "commons/signal_hold.h"
-#include "commons/stream_errors.h"
 #include "commons/termination.h"
 #include "tallowick/args_builder.h"
 #include "tallowick/second_error.h"
@@ -214,13 +214,10 @@ void SendScoutAction::execute() {
     if (!scout) {
         throw KORVA_EXC(UnableToOpenScoutFile);
     }
-    std::ofstream report(theSession->getScoutResultFileName(), std::ios::trunc);
+    OutputFile report(theSession->getScoutResultFileName());
     std::ostringstream err;
     const int exitCode = execRoot("perl", scout, report, err, false, true);
     report.close();
-    if (!report) {  // the last bytes count as well
-        throw KORVA_EXC(StreamWrite);
-    }
     if (exitCode != 0) {
         throw KORVA_EXC(FailedToExecuteScout) % exitCode % err.str();
     }

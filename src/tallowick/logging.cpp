@@ -1,14 +1,20 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "tallowick/logging.h"
 
+#include "commons/descriptor.h"
 #include "commons/product_paths.h"
+#include "commons/regular_file.h"
 #include "commons/session.h"
+#include "commons/system_error.h"
 #include "utils/log_hook.h"
 
 #include <log4cpp/Appender.hh>
 #include <log4cpp/Category.hh>
 #include <log4cpp/PropertyConfigurator.hh>
 
+#include <fcntl.h>
+
+#include <cerrno>
 #include <cstdlib>
 #include <string>
 
@@ -24,6 +30,14 @@ void removeConsoleAppender() {
     }
 }
 
+// log4cpp would follow a symbolic link, and wait for the other end of a FIFO.
+void requireUsableLogFile(const std::string& path) {
+    const Descriptor existing(openRegularFile(AT_FDCWD, path, O_WRONLY));
+    if (existing.fd() < 0 && errno != ENOENT) {
+        throwSystemError("Cannot write to " + path, errno);
+    }
+}
+
 }  // namespace
 
 void initializeLog4Cpp(bool verbose) {
@@ -32,6 +46,7 @@ void initializeLog4Cpp(bool verbose) {
     if (isConfigured) {
         return;
     }
+    requireUsableLogFile(theSession->getLogFileName());
     log4cpp::PropertyConfigurator::configure(files::getDvxLogConfigFileName());
     if (!verbose) {
         removeConsoleAppender();

@@ -1,0 +1,64 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include "commons/checksum.h"
+#include "commons/descriptor.h"
+#include "commons/output_file.h"
+
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <ostream>
+#include <string>
+
+namespace korva {
+
+/// A file on its way into a directory: received under a new name of its own beside the final one, created
+/// exclusively, and put in its place only when it is whole. Removed unless it was put there.
+class IncomingFile {
+  public:
+    /// `directory` is held open by the caller as long as the file is. Throws SystemError when what has the
+    /// final name is no regular file, which is left alone. When the new file cannot be created, the stream
+    /// fails from the start.
+    IncomingFile(const Descriptor& directory, std::string finalName);
+    IncomingFile(const IncomingFile&) = delete;
+    IncomingFile& operator=(const IncomingFile&) = delete;
+    ~IncomingFile();
+
+    std::ostream& stream() { return stream_; }
+
+    /// Throws StreamWrite when not every byte has arrived in the file.
+    void close();
+
+    /// Replaces what has the final name. After close(). Throws SystemError.
+    void install();
+
+    /// Bytes received.
+    std::int64_t size() const { return buffer_->size(); }
+    /// The MD5 sum of what was received. After close(), and once.
+    std::string md5() { return buffer_->md5(); }
+
+  private:
+    /// Counts and sums what it writes.
+    class Buffer : public DescriptorBuffer {
+      public:
+        using DescriptorBuffer::DescriptorBuffer;
+        std::int64_t size() const { return size_; }
+        std::string md5() { return md5_.hexDigest(); }
+
+      protected:
+        std::streamsize xsputn(const char* data, std::streamsize size) override;
+
+      private:
+        std::int64_t size_ = 0;
+        Md5 md5_;
+    };
+
+    const Descriptor& directory_;
+    std::string finalName_;
+    std::string temporaryName_;
+    std::unique_ptr<Buffer> buffer_;
+    std::ostream stream_;
+};
+
+}  // namespace korva

@@ -1,0 +1,62 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "commons/output_file.h"
+
+#include "commons/regular_file.h"
+#include "commons/stream_errors.h"
+#include "utils/accounts.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <tuple>
+
+namespace korva {
+namespace {
+
+constexpr const char* kSourceName = "./output_file";
+
+}  // namespace
+
+DescriptorBuffer::int_type DescriptorBuffer::overflow(int_type c) {
+    const char byte = traits_type::to_char_type(c);
+    return traits_type::eq_int_type(c, traits_type::eof()) || xsputn(&byte, 1) == 1 ? traits_type::not_eof(c)
+                                                                                    : traits_type::eof();
+}
+
+std::streamsize DescriptorBuffer::xsputn(const char* data, std::streamsize size) {
+    std::streamsize done = 0;
+    while (done < size) {
+        const ssize_t written = ::write(fd(), data + done, static_cast<std::size_t>(size - done));
+        if (written < 0 && errno == EINTR) {
+            continue;
+        }
+        if (written <= 0) {
+            break;
+        }
+        done += written;
+    }
+    return done;
+}
+
+OutputFile::OutputFile(const std::string& path)
+    : std::ostream(nullptr), buffer_(openRegularFile(AT_FDCWD, path, O_WRONLY | O_CREAT | O_TRUNC)) {
+    rdbuf(&buffer_);
+    if (!isOpen()) {
+        setstate(failbit);
+    }
+}
+
+void OutputFile::close() {
+    if (!buffer_.close() || !*this) {
+        throw KORVA_EXC(StreamWrite);
+    }
+}
+
+void OutputFile::giveTo(const std::string& user) {
+    gid_t group = 0;
+    const uid_t owner = korva_ugid(user, &group);
+    std::ignore = fchown(buffer_.fd(), owner, group);  // the panel's account may be missing
+}
+
+}  // namespace korva

@@ -1,0 +1,84 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "tallowick/retrieve_dump.h"
+
+#include "agents/agent_spec.h"
+#include "commons/incoming_file.h"
+#include "commons/session.h"
+#include "commons/stream_errors.h"
+#include "commons/system_error.h"
+#include "tallowick/args_builder.h"
+#include "tallowick/content_target.h"
+#include "tallowick/name_record.h"
+#include "tallowick/retrieval_errors.h"
+#include "tallowick/status_refresh.h"
+
+#include <sstream>
+
+namespace korva {
+namespace {
+
+constexpr const char* kSourceName = "./actions";
+
+}  // namespace
+
+void RetrieveDumpAction::execute() {
+    try {
+        retrieve();
+    } catch (const ExTraceable& e) {
+        throw KORVA_EXC_CAUSED_BY(CantRetrieveDump, e);
+    }
+    writeNameRecord(cfg().session_path + "/dump-name", theSession->getDumpFileName());
+}
+
+void RetrieveDumpAction::retrieve() {
+    const std::string remoteDump = cfg().agent_dir + "/dump.xml";
+    status().setAgentParams(cfg().host);
+    status().setAgentOperation(MigrationStatus::wait);
+    status().saveFile();
+    runDumper();
+    takeFile(remoteDump);
+    fetchDump(remoteDump);
+}
+
+std::string RetrieveDumpAction::dumperCommand() const {
+    const auto agent = theAgentsFactory().getAgent(cfg().agent_name);
+    ArgsBuilder command(agent->interpreter());
+    command << cfg().agent_dir + "/" + agent->entryPoint();
+    for (const std::string& argument : input_.arguments) {
+        command << argument;
+    }
+    if (cfg().no_content) {
+        command << "--no-content";
+    }
+    return command.str();
+}
+
+void RetrieveDumpAction::runDumper() {
+    const std::string command = dumperCommand();
+    std::istringstream lists(input_.stdinText);
+    std::ostringstream out;
+    std::ostringstream err;
+    const StatusRefreshScope refresh(*this);
+    const int exitCode = input_.stdinText.empty() ? execRoot(command, out, err, false)
+                                                  : execRoot(command, lists, out, err, false, false);
+    if (exitCode != 0) {
+        throw KORVA_EXC(CantRetrieveDumpFile) % err.str();
+    }
+}
+
+void RetrieveDumpAction::fetchDump(const std::string& remoteDump) try {
+    const Descriptor session = openDirectory(theSession->getDir());
+    IncomingFile dump(session, "dump.xml");
+    std::ostringstream err;
+    const int exitCode = getSsh()->get(dump.stream(), err, remoteDump, Ssh::null_counter);
+    dump.close();
+    if (exitCode != 0) {
+        throw KORVA_EXC(CantRetrieveDumpFile) % err.str();
+    }
+    dump.install();
+} catch (const SystemError& e) {  // its text is for support; the caller knows of streams
+    theDebugLog->log(std::string(e.what()));
+    throw KORVA_EXC(StreamWrite);
+}
+
+}  // namespace korva

@@ -1,0 +1,109 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "tallowick/send_agent.h"
+
+#include "agents/agent_spec.h"
+#include "commons/output_file.h"
+#include "commons/product_paths.h"
+#include "commons/session.h"
+#include "tallowick/args_builder.h"
+#include "tallowick/dir_walk.h"
+
+#include <log4cpp/Category.hh>
+
+#include <sstream>
+
+namespace korva {
+namespace {
+
+constexpr const char* kSourceName = "./send_agent";
+
+namespace fs = std::filesystem;
+
+log4cpp::Category& category() {
+    return log4cpp::Category::getInstance("k.SendAgentAction");
+}
+
+}  // namespace
+
+void SendAgentAction::execute() {
+    status().setAgentParams(cfg().host);
+    status().setAgentOperation(MigrationStatus::deploy);
+    status().saveFile();
+    category().noticeStream() << "Copying agent " << cfg().agent_name << " to the remote host.";
+
+    const fs::path agentsDirectory = files::agents::getDir();
+    const fs::path shared = agentsDirectory / "shared";
+    std::error_code unreadable;
+    if (!fs::exists(shared, unreadable)) {
+        throw KORVA_EXC(NoSharedAgentsDirectory);
+    }
+    sendTree(shared);
+    const fs::path agent = cfg().agent_name.empty() ? agentsDirectory : agentsDirectory / cfg().agent_name;
+    if (!fs::exists(agent, unreadable)) {
+        throw KORVA_EXC(NoAgentDirectory) % agent.string();
+    }
+    sendTree(agent);
+
+    status().setAgentOperation(MigrationStatus::wait);
+    status().saveFile();
+    category().notice("Getting agent deployment status");
+    requestStatus();
+}
+
+void SendAgentAction::sendTree(const fs::path& root) {
+    recursive_dir_walk_sync(root, cfg().agent_dir,
+                            [&](const fs::path& localPath, const std::string& remotePath) {
+                                return sendFile(root, localPath, remotePath);
+                            });
+}
+
+bool SendAgentAction::sendFile(const fs::path& root, const fs::path& localPath,
+                               const std::string& remotePath) {
+    if (!fs::is_directory(localPath)) {
+        category().infoStream() << "remote <copy " << remotePath << " (from " << localPath.string() << ")";
+        getSsh()->put(localPath.string(), remotePath);
+        return true;
+    }
+    if (localPath.parent_path() == root && localPath.filename() == "control") {
+        return false;  // the agent's own description, for this host only
+    }
+    category().infoStream() << "remote mkdir " << remotePath;
+    makeRemoteDirectory(remotePath);
+    return true;
+}
+
+// Files are uploaded as the login user, so a directory that sudo has created must be that user's.
+void SendAgentAction::makeRemoteDirectory(const std::string& remotePath) {
+    const std::string commands[] = {(ArgsBuilder("mkdir") << "-p" << remotePath).str(),
+                                    (ArgsBuilder("chown") << cfg().login << remotePath).str()};
+    for (const std::string& command : commands) {
+        std::ostringstream out;
+        std::ostringstream err;
+        if (execRoot(command, out, err, false) != 0) {
+            throw KORVA_EXC(CantCreateAgentDirectory) % remotePath % err.str();
+        }
+    }
+}
+
+void SendAgentAction::requestStatus() {
+    const auto agent = theAgentsFactory().getAgent(cfg().agent_name);
+    const std::string entry = cfg().agent_dir + "/" + agent->entryPoint();
+    OutputFile answer(theSession->getDeploymentStatusFileName());
+    std::ostringstream err;
+    // The agent directory is entered twice, which is the same as once for an absolute path.
+    const std::string command =
+        (ArgsBuilder("sh") << "-c"
+                           << "cd " + cfg().agent_dir + " && " + agent->interpreter() + " " + entry +
+                                  " --get-status")
+            .str();
+    const int exitCode = execRoot(command, answer, err, false);
+    if (exitCode == 0) {
+        answer.giveTo("ovnadm");
+    }
+    answer.close();
+    if (exitCode != 0) {
+        throw KORVA_EXC(CantRequestAgentStatus) % entry % err.str();
+    }
+}
+
+}  // namespace korva
