@@ -4,12 +4,16 @@
 import os
 import pathlib
 import shutil
+import signal
 import subprocess
 import tempfile
 
 import pytest
 
 from sample import LOGIN, TOP, Agent
+
+# Ignored by whoever started the tests in the background, it would be so in everything that they start.
+signal.signal(signal.SIGINT, signal.default_int_handler)
 
 
 @pytest.fixture(scope="session")
