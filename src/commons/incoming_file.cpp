@@ -1,13 +1,16 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "commons/incoming_file.h"
 
+#include "commons/handle.h"
 #include "commons/regular_file.h"
 #include "commons/stream_errors.h"
 #include "commons/system_error.h"
 #include "commons/umask_scope.h"
 #include "commons/uuid.h"
 
+#include <dirent.h>
 #include <fcntl.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -15,6 +18,7 @@
 #include <cstdio>
 #include <tuple>
 #include <utility>
+#include <vector>
 
 namespace korva {
 namespace {
@@ -22,10 +26,46 @@ namespace {
 constexpr const char* kSourceName = "./incoming_file";
 
 constexpr mode_t kPublicUmask = 022;
+constexpr std::string_view kTemporaryPrefix = ".incoming-";
+constexpr std::size_t kUuidLength = 36;
 
 // Short, since the final name may be as long as names can be.
 std::string newTemporaryName() {
-    return ".incoming-" + std::to_string(getpid()) + "-" + newUUID().substr(0, 36);
+    return std::string(kTemporaryPrefix) + std::to_string(getpid()) + "-" + newUUID().substr(0, kUuidLength);
+}
+
+// A file that is being received is locked. Before it is, another run may have taken it for an abandoned one.
+int createLocked(int directory, const std::string& name) {
+    for (;;) {
+        const int fd = openRegularFile(directory, name, O_WRONLY | O_CREAT | O_EXCL);
+        struct stat status {};
+        if (fd < 0 || flock(fd, LOCK_EX) != 0 || fstat(fd, &status) != 0 || status.st_nlink > 0) {
+            return fd;
+        }
+        ::close(fd);
+    }
+}
+
+void removeIfAbandoned(const Descriptor& directory, const std::string& name) {
+    const Descriptor file(openRegularFile(directory.fd(), name, O_RDONLY));
+    if (file.fd() >= 0 && flock(file.fd(), LOCK_EX | LOCK_NB) == 0) {
+        std::ignore = unlinkat(directory.fd(), name.c_str(), 0);  // a later run may do better
+    }
+}
+
+std::vector<std::string> temporaryNamesIn(const Descriptor& directory) {
+    std::vector<std::string> names;
+    const int fd = openat(directory.fd(), ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (fd < 0) {
+        return names;
+    }
+    const Handle<DIR*, &closedir> listing(fdopendir(fd));
+    while (const dirent* entry = readdir(listing.get())) {
+        if (IncomingFile::isTemporaryName(entry->d_name)) {
+            names.emplace_back(entry->d_name);
+        }
+    }
+    return names;
 }
 
 // Renaming would put the file in the place of a link or FIFO without a word.
@@ -55,11 +95,12 @@ IncomingFile::IncomingFile(const Descriptor& directory, std::string finalName)
     : directory_(directory),
       finalName_(std::move(finalName)),
       temporaryName_(newTemporaryName()),
+      lock_(-1),
       stream_(nullptr) {
     requireRegularFileOrNothing(directory_, finalName_);
     const UmaskScope umask(kPublicUmask);
-    buffer_ = std::make_unique<Buffer>(
-        openRegularFile(directory_.fd(), temporaryName_, O_WRONLY | O_CREAT | O_EXCL));
+    buffer_ = std::make_unique<Buffer>(createLocked(directory_.fd(), temporaryName_));
+    lock_ = Descriptor(fcntl(buffer_->fd(), F_DUPFD_CLOEXEC, 0));
     stream_.rdbuf(buffer_.get());
     if (buffer_->fd() < 0) {
         temporaryName_.clear();
@@ -84,6 +125,22 @@ void IncomingFile::install() {
         throwSystemError("rename to " + finalName_, errno);
     }
     temporaryName_.clear();
+}
+
+bool IncomingFile::isTemporaryName(std::string_view name) {
+    if (!name.starts_with(kTemporaryPrefix)) {
+        return false;
+    }
+    name.remove_prefix(kTemporaryPrefix.size());
+    const std::size_t digits = name.find_first_not_of("0123456789");
+    return digits != std::string_view::npos && digits > 0 && name[digits] == '-' &&
+           name.size() == digits + 1 + kUuidLength;
+}
+
+void IncomingFile::removeAbandoned(const Descriptor& directory) {
+    for (const std::string& name : temporaryNamesIn(directory)) {
+        removeIfAbandoned(directory, name);
+    }
 }
 
 }  // namespace korva

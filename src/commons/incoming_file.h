@@ -10,6 +10,7 @@
 #include <optional>
 #include <ostream>
 #include <string>
+#include <string_view>
 
 namespace korva {
 
@@ -38,6 +39,11 @@ class IncomingFile {
     /// The MD5 sum of what was received. After close(), and once.
     std::string md5() { return buffer_->md5(); }
 
+    /// Whether a name is of the kind that new files get until they are installed.
+    static bool isTemporaryName(std::string_view name);
+    /// Removes the new files of runs that were killed. Those of runs that go on are left alone.
+    static void removeAbandoned(const Descriptor& directory);
+
   private:
     /// Counts and sums what it writes.
     class Buffer : public DescriptorBuffer {
@@ -58,6 +64,7 @@ class IncomingFile {
     std::string finalName_;
     std::string temporaryName_;
     std::unique_ptr<Buffer> buffer_;
+    Descriptor lock_;  // keeps the file from being taken for an abandoned one
     std::ostream stream_;
 };
 

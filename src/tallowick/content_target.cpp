@@ -7,6 +7,7 @@
 #include "utils/accounts.h"
 
 #include <boost/algorithm/string/classification.hpp>
+#include <boost/algorithm/string/join.hpp>
 #include <boost/algorithm/string/split.hpp>
 
 #include <fcntl.h>
@@ -93,7 +94,7 @@ std::optional<std::string> ContentTarget::refusal(const std::string& listedPath)
         return "the path holds a brace expression";
     }
     if (isFileOfThisRun(listedPath)) {
-        return "the path is that of a file of the session";
+        return "the path is that of a file of this run";
     }
     return std::nullopt;
 }
@@ -103,7 +104,8 @@ bool ContentTarget::isFileOfThisRun(const std::string& listedPath) const {
     fs::path local = directory_;
     for (const std::string& name : components(listedPath)) {
         std::error_code missing;
-        if (isNameOfThisRun(name) && fs::equivalent(local, theSession->getDir(), missing)) {
+        if (IncomingFile::isTemporaryName(name) ||
+            (isNameOfThisRun(name) && fs::equivalent(local, theSession->getDir(), missing))) {
             return true;
         }
         local /= name;
@@ -111,7 +113,7 @@ bool ContentTarget::isFileOfThisRun(const std::string& listedPath) const {
     return false;
 }
 
-Descriptor ContentTarget::enterDirectoryOf(const std::string& listedPath) const {
+Descriptor ContentTarget::enterDirectoryOf(const std::string& listedPath) {
     make_content_dir(directory_, owner_);
     Descriptor current = openDirectory(directory_);
     std::vector<std::string> names = components(listedPath);
@@ -125,6 +127,9 @@ Descriptor ContentTarget::enterDirectoryOf(const std::string& listedPath) const 
             throwSystemError(localPath(listedPath), errno);
         }
         current = std::move(next);
+    }
+    if (tidied_.insert(boost::algorithm::join(names, "/")).second) {
+        IncomingFile::removeAbandoned(current);
     }
     return current;
 }

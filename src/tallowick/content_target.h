@@ -6,6 +6,7 @@
 #include <sys/types.h>
 
 #include <optional>
+#include <set>
 #include <string>
 #include <utility>
 
@@ -40,8 +41,8 @@ class ContentTarget {
     std::optional<std::string> refusal(const std::string& listedPath) const;
 
     /// Makes the directories of a listed path and opens the last one. Throws SystemError, also where a
-    /// symbolic link or a file stands in the way.
-    Descriptor enterDirectoryOf(const std::string& listedPath) const;
+    /// symbolic link or a file stands in the way. What killed runs left there is removed.
+    Descriptor enterDirectoryOf(const std::string& listedPath);
 
     /// Where a listed path goes, for messages.
     std::string localPath(const std::string& listedPath) const { return directory_ + "/" + listedPath; }
@@ -53,6 +54,7 @@ class ContentTarget {
 
     std::string directory_;
     PanelAccount owner_;
+    std::set<std::string> tidied_;  // directories without what killed runs left
 };
 
 /// The text behind the last "/".

@@ -78,8 +78,7 @@ void RetrieveContentAction::execute() {
     const std::unique_ptr<AgentFileList> list = requestList();
     const std::vector<DumpFile>& files = list->getFileList();
     const std::int64_t total = totalOf(*list);
-    const ContentTarget target(cfg().dumps_dir.empty() ? theSession->getCidFilesDir() : cfg().dumps_dir,
-                               owner);
+    ContentTarget target(cfg().dumps_dir.empty() ? theSession->getCidFilesDir() : cfg().dumps_dir, owner);
     if (!cfg().no_check_space) {
         requireSpace(target.directory(), total);
     }
@@ -118,7 +117,7 @@ void RetrieveContentAction::requireSpace(const std::string& directory, std::int6
     }
 }
 
-void RetrieveContentAction::fetchAll(const std::vector<DumpFile>& files, const ContentTarget& target,
+void RetrieveContentAction::fetchAll(const std::vector<DumpFile>& files, ContentTarget& target,
                                      FileRetrievalProgressUpdater& progress) {
     try {
         for (const DumpFile& file : files) {
@@ -132,7 +131,7 @@ void RetrieveContentAction::fetchAll(const std::vector<DumpFile>& files, const C
     }
 }
 
-void RetrieveContentAction::fetch(const DumpFile& file, const ContentTarget& target,
+void RetrieveContentAction::fetch(const DumpFile& file, ContentTarget& target,
                                   FileRetrievalProgressUpdater& progress) {
     const auto failure = [&](const std::string& reason) {
         return KORVA_EXC(CantRetrieveContentFile) % file.name % cfg().host % target.localPath(file.name) %

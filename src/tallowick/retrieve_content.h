@@ -23,9 +23,9 @@ class RetrieveContentAction : public Action {
   private:
     std::unique_ptr<AgentFileList> requestList();
     void requireSpace(const std::string& directory, std::int64_t needed) const;
-    void fetchAll(const std::vector<DumpFile>& files, const ContentTarget& target,
+    void fetchAll(const std::vector<DumpFile>& files, ContentTarget& target,
                   FileRetrievalProgressUpdater& progress);
-    void fetch(const DumpFile& file, const ContentTarget& target, FileRetrievalProgressUpdater& progress);
+    void fetch(const DumpFile& file, ContentTarget& target, FileRetrievalProgressUpdater& progress);
     bool checkMD5(const DumpFile& file) const;
     bool takeMatch(const DumpFile& file, const Descriptor& directory) const;
     bool download(const DumpFile& file, const ContentTarget& target, const Descriptor& directory,

@@ -68,6 +68,7 @@ void RetrieveDumpAction::runDumper() {
 
 void RetrieveDumpAction::fetchDump(const std::string& remoteDump) try {
     const Descriptor session = openDirectory(theSession->getDir());
+    IncomingFile::removeAbandoned(session);
     IncomingFile dump(session, "dump.xml");
     std::ostringstream err;
     const int exitCode = getSsh()->get(dump.stream(), err, remoteDump, Ssh::null_counter);
