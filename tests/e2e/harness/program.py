@@ -17,6 +17,7 @@ DOCUMENTED_STATUSES = {0, 1, 2, 11, 12, 13, 14, 15, 16, 17, 18}
 HANGS_AFTER_S = 60
 
 _SANITIZER_STATUS = 99
+_DOCUMENTS = ("migration.result", "migration.status", "transfer.result")
 # Nothing is inherited but what the sanitizers' own set-up says.
 _SANITIZERS = ("ASAN_OPTIONS", "LSAN_OPTIONS", "UBSAN_OPTIONS")
 
@@ -62,7 +63,7 @@ class Run:
                  f"stdout: {self.stdout[-2000:]!r}", f"stderr: {self.err[-12000:]}",
                  f"session directory: {self.session.names()}"]
         for name in self.session.names():
-            if name.startswith(("migration.result", "migration.status")) and self.session.file(name).is_file():
+            if name.startswith(_DOCUMENTS) and self.session.file(name).is_file():
                 parts.append(f"--- {name}\n{self.session.file(name).read_text('utf-8', 'replace')}")
         log = self.session.log
         parts.append(f"--- migration.log\n{log[:4000]}{'...' if len(log) > 20000 else ''}{log[4000:][-16000:]}")
@@ -107,7 +108,7 @@ class Running:
         written = {"standard error": run.stderr}
         for name in self.session.names():
             file = self.session.file(name)
-            if name.startswith("migration.") and file.is_file():
+            if name.startswith(("migration.log", *_DOCUMENTS)) and file.is_file():
                 written[name] = file.read_bytes()
         for secret in self._secrets:
             for where, content in written.items():

@@ -82,13 +82,13 @@ class Session:
         """The root of the result document."""
         return ElementTree.parse(self.file(name)).getroot()
 
-    def succeeded(self):
+    def succeeded(self, name="migration.result"):
         """What the result document says, "success" or "error"."""
-        return self.result().get("status")
+        return self.result(name).get("status")
 
-    def error(self):
+    def error(self, name="migration.result"):
         """The one error of the result document."""
-        messages = self.result().findall("message")
+        messages = self.result(name).findall("message")
         assert len(messages) == 1, f"{len(messages)} messages in the result document"
         return _message(messages[0])
 
