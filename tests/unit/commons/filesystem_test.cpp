@@ -2,10 +2,10 @@
 #include "commons/filesystem.h"
 
 #include "commons/system_error.h"
+#include "commons/umask_scope.h"
 #include "support/child_process.h"
 #include "support/files.h"
 #include "support/host_conf_redirect.h"
-#include "support/scoped_umask.h"
 #include "support/syscall_filter.h"
 #include "support/temp_dir.h"
 
@@ -29,7 +29,6 @@ namespace korva {
 namespace {
 
 using test::redirectHostConf;
-using test::ScopedUmask;
 using test::statusOfChild;
 using test::TempDir;
 using test::writeFile;
@@ -57,7 +56,7 @@ void expectDirectory(const std::string& path, uid_t owner, gid_t group, mode_t m
 class MakeDir : public testing::Test {
   protected:
     TempDir directory;
-    ScopedUmask umask{0};
+    UmaskScope umask{0};
 };
 
 TEST_F(MakeDir, GivesOwnerGroupAndModeToTheDirectoryAndItsMissingParents) {
@@ -68,7 +67,7 @@ TEST_F(MakeDir, GivesOwnerGroupAndModeToTheDirectoryAndItsMissingParents) {
 }
 
 TEST_F(MakeDir, TakesTheUmaskOffTheMode) {
-    const ScopedUmask strict(027);
+    const UmaskScope strict(027);
     make_dir(directory / "a", kOwner, kGroup, 0777);
     expectDirectory(directory / "a", kOwner, kGroup, 0750);
 }

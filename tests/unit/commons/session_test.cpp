@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "commons/session.h"
 
+#include "commons/umask_scope.h"
 #include "support/files.h"
-#include "support/scoped_umask.h"
 #include "support/temp_dir.h"
 #include "support/utility_log_capture.h"
 
@@ -19,7 +19,6 @@
 namespace korva {
 namespace {
 
-using test::ScopedUmask;
 using test::TempDir;
 using test::UtilityLogCapture;
 using test::writeFile;
@@ -53,7 +52,7 @@ std::string failureFor(const std::string& path) {
 class SessionDirectory : public testing::Test {
   protected:
     TempDir directory;
-    ScopedUmask umask{022};
+    UmaskScope umask{022};
     UtilityLogCapture log;
 };
 

@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "commons/stream_errors.h"
+#include "commons/umask_scope.h"
 #include "ssh/libssh2pp.h"
 #include "support/files.h"
-#include "support/scoped_umask.h"
 #include "support/temp_dir.h"
 #include "unit/ssh/ssh_fixture.h"
 
@@ -25,7 +25,6 @@ using test::FakeChannel;
 using test::FakeRead;
 using test::readFile;
 using test::RecordingCounter;
-using test::ScopedUmask;
 using test::SshOverFake;
 using test::TempDir;
 using test::writeFile;
@@ -128,7 +127,7 @@ TEST_F(SshGetFile, IsDeletedWhenTheRemoteFileIsMissing) {
 }
 
 TEST_F(SshGetFile, IsCreatedUnderMask022WhateverTheProcessMaskIsWhichIsRestored) {
-    const ScopedUmask narrow(0777);
+    const UmaskScope narrow(0777);
     ssh().get(dir / "file", "remote");
     struct stat status {};
     ASSERT_EQ(0, ::stat((dir / "file").c_str(), &status));
@@ -137,7 +136,7 @@ TEST_F(SshGetFile, IsCreatedUnderMask022WhateverTheProcessMaskIsWhichIsRestored)
 }
 
 TEST_F(SshGetFile, RestoresTheProcessMaskAfterAnErrorToo) {
-    const ScopedUmask narrow(0137);
+    const UmaskScope narrow(0137);
     script.reads[0] = {FakeRead::failure(LIBSSH2_ERROR_SOCKET_RECV)};
     EXPECT_THROW(ssh().get(dir / "file", "remote"), Exc<&SshConnectionFault>);
     EXPECT_EQ(mode_t{0137}, ::umask(0137));

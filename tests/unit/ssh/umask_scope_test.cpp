@@ -1,8 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "commons/umask_scope.h"
 
-#include "support/scoped_umask.h"
-
 #include <gtest/gtest.h>
 
 #include <stdexcept>
@@ -17,7 +15,7 @@ mode_t currentUmask() {
 }
 
 TEST(UmaskScope, SetsTheMaskAndPutsItBack) {
-    const test::ScopedUmask unusual(0137);
+    const UmaskScope unusual(0137);
     {
         const UmaskScope scope(022);
         EXPECT_EQ(mode_t{022}, currentUmask());
@@ -26,7 +24,7 @@ TEST(UmaskScope, SetsTheMaskAndPutsItBack) {
 }
 
 TEST(UmaskScope, PutsTheMaskBackWhenAnErrorLeavesIt) {
-    const test::ScopedUmask unusual(0137);
+    const UmaskScope unusual(0137);
     try {
         const UmaskScope scope(022);
         throw std::runtime_error("an error");
