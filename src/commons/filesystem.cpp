@@ -113,9 +113,17 @@ std::uint64_t getFreeSpace(const std::string& path) {
     return statistics.f_bavail * static_cast<std::uint64_t>(statistics.f_bsize);
 }
 
-void syncFileAndDirectory(const std::string& path) {
+void syncFile(const std::string& path) {
     syncPath(path, 0);
+}
+
+void syncDirectoryOf(const std::string& path) {
     syncPath(parentDirectory(path), O_DIRECTORY);
+}
+
+void syncFileAndDirectory(const std::string& path) {
+    syncFile(path);
+    syncDirectoryOf(path);
 }
 
 }  // namespace korva

@@ -30,7 +30,13 @@ std::string DVX_getTempFileName(const std::string& dir, const std::string& name)
 /// Bytes that unprivileged users may still write to the file system that holds `path`. Throws CantStatFS.
 std::uint64_t getFreeSpace(const std::string& path);
 
-/// Returns when a finished file and its entry in its directory are on the disk. Throws SystemError.
+/// Returns when the content of a finished file is on the disk. Throws SystemError.
+void syncFile(const std::string& path);
+
+/// Returns when the entry of `path` in its directory is on the disk. Throws SystemError.
+void syncDirectoryOf(const std::string& path);
+
+/// Both: for a file that is written under the name that it keeps.
 void syncFileAndDirectory(const std::string& path);
 
 }  // namespace korva

@@ -110,11 +110,14 @@ bool writeFile(const char* fileName, const std::string& bytes) {
     return ::close(fd) == 0 && written;
 }
 
-void flush(const std::string& path) {
+/// Calls a function of commons/filesystem.h that flushes. The message of the error for a save has place for a
+/// name only, so what the system says is the error that it includes.
+void flush(void (*sync)(const std::string& path), const std::string& path) {
     try {
-        syncFileAndDirectory(path);
-    } catch (const SystemError&) {  // the error for a save has no place for more than the name
-        throw KORVA_EXC(tError_SaveFile) % path;
+        sync(path);
+    } catch (const SystemError& e) {
+        const ExTraceable cause(boost::format("%1%") % e.what(), "SystemError");
+        throw KORVA_EXC_CAUSED_BY(tError_SaveFile, cause) % path;
     }
 }
 
@@ -188,13 +191,14 @@ void tXmlDocument::saveToFileAtomically(const std::filesystem::path& path, Durab
     saveToFile(temporary);
     giveToPanel(temporary);
     if (durability == Durability::kFlushed) {
-        flush(temporary);  // before the rename, or a power failure could leave an empty file under the name
+        // Before the rename, or a power failure could leave an empty file under the name.
+        flush(&syncFile, temporary);
     }
     if (std::rename(temporary.c_str(), path.c_str()) != 0) {
         throw KORVA_EXC(CantRenameFile) % temporary % path.string() % std::strerror(errno);
     }
     if (durability == Durability::kFlushed) {
-        flush(path.string());  // the directory holds the new name
+        flush(&syncDirectoryOf, path.string());
     }
 }
 

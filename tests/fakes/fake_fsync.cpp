@@ -9,32 +9,31 @@
 
 namespace {
 
-bool active = false;
-int failure = 0;
+korva::test::FakeFsync* current = nullptr;
 std::vector<std::string> names;
 
 }  // namespace
 
 // Stands in for the C library's: the linker takes the symbol of the program first.
 extern "C" int fsync(int fd) {
-    if (!active) {
+    if (current == nullptr) {
         return static_cast<int>(::syscall(SYS_fsync, fd));
     }
     names.push_back(std::filesystem::read_symlink("/proc/self/fd/" + std::to_string(fd)));
-    errno = failure;
-    return failure == 0 ? 0 : -1;
+    current->onFlush(names.back());
+    errno = current->error;
+    return errno == 0 ? 0 : -1;
 }
 
 namespace korva::test {
 
-FakeFsync::FakeFsync(int error) {
+FakeFsync::FakeFsync(int failure) : error(failure) {
     names.clear();
-    failure = error;
-    active = true;
+    current = this;
 }
 
 FakeFsync::~FakeFsync() {
-    active = false;
+    current = nullptr;
 }
 
 const std::vector<std::string>& FakeFsync::flushed() {

@@ -213,9 +213,8 @@ TEST_F(ResultLog, IsFlushedToTheDiskWithItsDirectory) {
     XmlLog log("");
     const FakeFsync fsync;
     log.close();
-    ASSERT_FALSE(FakeFsync::flushed().empty());
-    EXPECT_THAT(FakeFsync::flushed().front(), MatchesRegex((session / "migration.result") + "......"));
-    EXPECT_EQ(FakeFsync::flushed().back(), theSession->getDir());
+    EXPECT_THAT(FakeFsync::flushed(),
+                ElementsAre(MatchesRegex((session / "migration.result") + "......"), theSession->getDir()));
 }
 
 TEST_F(ResultLog, KeepsItsPredecessorsUnderNumbersNewestLast) {

@@ -3,6 +3,7 @@
 #include "fakes/fake_accounts.h"
 #include "fakes/fake_fsync.h"
 #include "session_dir.h"
+#include "support/file_size_limit.h"
 #include "support/files.h"
 #include "support/temp_dir.h"
 #include "xml/xml_wrap.h"
@@ -11,12 +12,10 @@
 #include <gtest/gtest.h>
 #include <libxml/xmlIO.h>
 
-#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
-#include <csignal>
 #include <cstring>
 #include <iostream>
 #include <sstream>
@@ -27,6 +26,7 @@ namespace {
 using test::FailingAccountLookup;
 using test::FakeFsync;
 using test::FakePanelAccount;
+using test::FileSizeLimit;
 using test::readFile;
 using test::SessionDir;
 using test::TempDir;
@@ -34,27 +34,6 @@ using test::writeFile;
 using testing::ElementsAre;
 using testing::EndsWith;
 using testing::MatchesRegex;
-
-/// Limits the size of files that this process writes, as a full disk would; the signal that comes with it is
-/// ignored.
-class FileSizeLimit {
-  public:
-    explicit FileSizeLimit(rlim_t bytes) : handlerBefore_(std::signal(SIGXFSZ, SIG_IGN)) {
-        ::getrlimit(RLIMIT_FSIZE, &before_);
-        const rlimit limit{bytes, before_.rlim_max};
-        ::setrlimit(RLIMIT_FSIZE, &limit);
-    }
-    FileSizeLimit(const FileSizeLimit&) = delete;
-    FileSizeLimit& operator=(const FileSizeLimit&) = delete;
-    ~FileSizeLimit() {
-        ::setrlimit(RLIMIT_FSIZE, &before_);
-        std::signal(SIGXFSZ, handlerBefore_);
-    }
-
-  private:
-    rlimit before_{};
-    void (*handlerBefore_)(int);
-};
 
 /// Acts as a user without privileges when this process has them.
 class WithoutPrivileges {
@@ -355,17 +334,15 @@ TEST(SaveXmlAtomically, FailsWhereNoTemporaryFileCanBeMade) {
                  Exc<&CantCreateTempFile>);
 }
 
-TEST(SaveXmlAtomically, FlushesTheFileBeforeTheRenameAndTheDirectoryAfterIt) {
+TEST(SaveXmlAtomically, FlushesTheFileBeforeTheRenameAndTheDirectoryAfterItOnceEach) {
     const TempDir dir;
     const FakePanelAccount account(::geteuid(), ::getegid());
-    const FakeFsync fsync;
+    FakeFsync fsync;
+    fsync.onFlush = [&](const std::string& name) {
+        EXPECT_EQ(std::filesystem::exists(dir / "small.xml"), name == dir.path()) << name;
+    };
     SmallDocument().saveToFileAtomically(dir / "small.xml", Durability::kFlushed);
-    const std::vector<std::string>& flushed = FakeFsync::flushed();
-    ASSERT_FALSE(flushed.empty());
-    EXPECT_THAT(flushed.front(), MatchesRegex((dir / "small.xml") + "......"));
-    // The directory once more when it holds the name that the document keeps.
-    EXPECT_THAT(flushed, testing::IsSupersetOf({dir / "small.xml", dir.path()}));
-    EXPECT_EQ(flushed.back(), dir.path());
+    EXPECT_THAT(FakeFsync::flushed(), ElementsAre(MatchesRegex((dir / "small.xml") + "......"), dir.path()));
 }
 
 TEST(SaveXmlAtomically, DoesNotWaitForTheDiskWhenTheNextSaveComesSoon) {
@@ -376,14 +353,37 @@ TEST(SaveXmlAtomically, DoesNotWaitForTheDiskWhenTheNextSaveComesSoon) {
     EXPECT_THAT(FakeFsync::flushed(), ElementsAre());
 }
 
-TEST(SaveXmlAtomically, FailsWhenTheDiskRefusesTheData) {
+TEST(SaveXmlAtomically, FailsWhenTheDiskRefusesTheDataWithTheReasonOfTheSystem) {
     const TempDir dir;
     const FakePanelAccount account(::geteuid(), ::getegid());
     writeFile(dir / "small.xml", "old");
     const FakeFsync fsync(EIO);
-    EXPECT_THROW(SmallDocument().saveToFileAtomically(dir / "small.xml", Durability::kFlushed),
-                 Exc<&tError_SaveFile>);
+    try {
+        SmallDocument().saveToFileAtomically(dir / "small.xml", Durability::kFlushed);
+        FAIL() << "no error";
+    } catch (const Exc<&tError_SaveFile>& error) {
+        const std::string unfinished = (dir / "small.xml") + "......";
+        EXPECT_THAT(error.what(), MatchesRegex("Can not save the XML document to file '" + unfinished + "'"));
+        ASSERT_NE(error.inner(), nullptr);
+        EXPECT_THAT(error.inner()->what(),
+                    MatchesRegex("Cannot flush " + unfinished + ": Input/output error"));
+    }
     EXPECT_EQ(readFile(dir / "small.xml"), "old");
+}
+
+TEST(SaveXmlAtomically, FailsWhenTheDiskRefusesTheDirectoryWithTheReasonOfTheSystem) {
+    const TempDir dir;
+    const FakePanelAccount account(::geteuid(), ::getegid());
+    FakeFsync fsync;
+    fsync.onFlush = [&](const std::string& name) { fsync.error = name == dir.path() ? ENOSPC : 0; };
+    try {
+        SmallDocument().saveToFileAtomically(dir / "small.xml", Durability::kFlushed);
+        FAIL() << "no error";
+    } catch (const Exc<&tError_SaveFile>& error) {
+        EXPECT_EQ(error.what(), "Can not save the XML document to file '" + (dir / "small.xml") + "'");
+        ASSERT_NE(error.inner(), nullptr);
+        EXPECT_EQ(error.inner()->what(), "Cannot flush " + dir.path() + ": No space left on device");
+    }
 }
 
 }  // namespace
