@@ -7,7 +7,6 @@
 #include "utils/accounts.h"
 
 #include <boost/algorithm/string/classification.hpp>
-#include <boost/algorithm/string/join.hpp>
 #include <boost/algorithm/string/split.hpp>
 
 #include <fcntl.h>
@@ -128,7 +127,7 @@ Descriptor ContentTarget::enterDirectoryOf(const std::string& listedPath) {
         }
         current = std::move(next);
     }
-    if (tidied_.insert(boost::algorithm::join(names, "/")).second) {
+    if (tidied_.insert(names).second) {
         IncomingFile::removeAbandoned(current);
     }
     return current;

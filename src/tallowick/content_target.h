@@ -9,6 +9,7 @@
 #include <set>
 #include <string>
 #include <utility>
+#include <vector>
 
 namespace korva {
 
@@ -54,7 +55,7 @@ class ContentTarget {
 
     std::string directory_;
     PanelAccount owner_;
-    std::set<std::string> tidied_;  // directories without what killed runs left
+    std::set<std::vector<std::string>> tidied_;  // directories without what killed runs left
 };
 
 /// The text behind the last "/".
