@@ -1,16 +1,20 @@
 # SPDX-License-Identifier: Apache-2.0
-"""The connection ends at any byte: every run ends soon, with a documented status, and never lies.
+"""The connection ends at any byte: every run ends soon, with a documented status, and neither lies nor loses a byte.
 
 By default a sample of bytes; `--sweep full` for a whole sweep, which takes some ten minutes.
 """
 
 import concurrent.futures
+import itertools
 import os
+import pathlib
 import random
+import subprocess
 
 import pytest
 
 from harness.accounts import MOVER, OWNER
+from harness.agents import AgentCatalogue, DeployedAgent
 from harness.places import make_dir, write
 from harness.product import SMALL_REPORT
 from harness.program import source
@@ -21,21 +25,85 @@ ENDS_WITHIN_S = 10
 # Long enough that cuts fall amid it, also where the server sends large packets.
 REPORT_SIZE = 40000
 STATUS = b"<dumping-status>" + b"s" * 20000 + b"</dumping-status>"
+DUMP = b"<dump>" + b"d" * 20000 + b"</dump>"
+CONTENT = {"flat": b"f" * 10000, "in/a/directory": b"i" * 5000, "empty": b""}
+TREE = {"lib/large": b"l" * 10000, "lib/small": b"s", "bin/entry": b"e"}
 
 
 class Action:
-    """One action of the sweep: how to run it, and whether a run that says 0 has done all."""
+    """One action of the sweep: how to run it, whether a run that says 0 has done all, and whether after any run all
+    is still somewhere."""
 
-    def __init__(self, name, arguments, done, *, may_always_succeed=False, **options):
+    def __init__(self, name, arguments, done, *, kept=lambda run: True, result="migration.result",
+                 may_always_succeed=False, **options):
         self.name = name
         self.arguments = arguments
         self.done = done
+        self.kept = kept
+        self.result = result
         self.may_always_succeed = may_always_succeed
         self.options = options
 
 
+def agent_dir(run):
+    """The agent directory that a run was told."""
+    return next(pathlib.Path(word.partition("=")[2]) for word in run.command if word.startswith("--agent-dir="))
+
+
+def files_are(directory, expected):
+    """Whether all of `expected` (path -> bytes) is in `directory`."""
+    return all((directory / path).is_file() and (directory / path).read_bytes() == content
+               for path, content in expected.items())
+
+
 @pytest.fixture
-def actions(workspace, product):
+def agent_actions(workspace, outbox, product):
+    """The actions that work with an agent; each run has an agent directory of its own."""
+    template = DeployedAgent(product, workspace / "template")
+    template.offer(CONTENT)
+    template.answer(dump=DUMP)
+    AgentCatalogue(product).install_shared(TREE)
+    numbers = itertools.count()
+
+    def new_directory():
+        return outbox / str(next(numbers))
+
+    def deployed():
+        directory = new_directory()
+        subprocess.run(["cp", "-a", template.directory, directory], check=True)
+        return directory
+
+    def options(action, make_directory, account=MOVER):
+        return lambda port: [f"--{action}", *source(port, account), f"--agent-dir={make_directory()}",
+                             f"--agent-name={template.name}"]
+
+    def fetched(run):
+        return files_are(run.session.path, CONTENT)
+
+    def kept(run):
+        return all(files_are(run.session.path, {path: content}) or files_are(agent_dir(run), {path: content})
+                   for path, content in CONTENT.items())
+
+    def dumped(run):
+        return run.session.file("dump.xml").read_bytes() == DUMP
+
+    def sent(run):
+        return files_are(agent_dir(run), TREE)
+
+    # The entry point that is asked for the status afterwards.
+    AgentCatalogue(product).install(template.name, {"run.pl": template.entry_point.read_bytes(),
+                                                    ".agent/status": b"<agentstatus/>", ".agent/calls/none": b""},
+                                    EntryPoint="run.pl")
+    return (Action("deploy-agent", options("deploy-agent", new_directory), sent),
+            Action("dump-all", options("dump-all", deployed), dumped),
+            Action("get-content", options("get-content", deployed), fetched, kept=kept, result="transfer.result"),
+            Action("get-content with sudo",
+                   lambda port: [*options("get-content", deployed, OWNER)(port), "--sudo-password"], fetched, kept=kept,
+                   result="transfer.result", sudo_password=OWNER.password, password=OWNER.password))
+
+
+@pytest.fixture
+def actions(workspace, product, agent_actions):
     """The actions that need a connection, with and without sudo."""
     product.set_scout(f"print q(r) x {REPORT_SIZE};")
     agent = make_dir(workspace / "agent", 0o777)
@@ -60,6 +128,7 @@ def actions(workspace, product):
                **sudo),
         Action("remove-agent", lambda port: ["--remove-agent", *source(port), f"--agent-dir={workspace}/gone",
                                              "--agent-name=a"], lambda run: True, may_always_succeed=True),
+        *agent_actions,
     )}
 
 
@@ -101,19 +170,22 @@ def cut(tallowick, server, action, exchanged, kind, at):
     told = f"{action.name}, {kind} at byte {at}: status {run.status} after {run.seconds:.1f} s, {run.err[:200]!r}"
     if run.seconds > ENDS_WITHIN_S:
         return f"{told}: too late"
-    success = run.session.succeeded() == "success"
+    success = run.session.succeeded(action.result) == "success"
     if run.status == 0 and not action.may_always_succeed and not action.done(run):
         return f"{told}: success although not all was done"
     if run.status not in ((0,) if action.may_always_succeed else (0, 2, 18)):
         return f"{told}: not a status of a lost connection"
     if success != (run.status == 0):
-        return f"{told}: the result document says {run.session.succeeded()}"
+        return f"{told}: the result document says otherwise"
+    if not action.kept(run):
+        return f"{told}: something is neither here nor there"
     if run.status != 0 and not run.err:
         return f"{told}: nothing on standard error"
     return None
 
 
-NAMES = ["send-scout", "send-scout with sudo", "get-dumping-status", "get-dumping-status with sudo", "remove-agent"]
+NAMES = ["send-scout", "send-scout with sudo", "get-dumping-status", "get-dumping-status with sudo", "remove-agent",
+         "deploy-agent", "dump-all", "get-content", "get-content with sudo"]
 
 
 @pytest.mark.parametrize("name", NAMES)
