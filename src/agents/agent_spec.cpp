@@ -117,15 +117,15 @@ bool AgentsFactory::parseAgent(const std::string& name) {
         return false;
     }
     const std::filesystem::path spec = directory / "control" / "spec";
-    if (!std::filesystem::exists(spec, unreadable) || std::filesystem::is_directory(spec, unreadable)) {
-        factoryCategory().errorStream() << spec.string() << " is not a regular file";
+    if (!std::filesystem::is_regular_file(spec, unreadable)) {
+        factoryCategory().error(text(boost::format("%1% is not a regular file") % spec.string()));
         return false;
     }
     try {
         agents_.emplace(name, std::make_shared<Agent>(name, spec.string()));
     } catch (const Exc<&Agent::ParseFailed>& e) {  // to its user such an agent is one that does not exist
-        factoryCategory().errorStream() << spec.string() << " is not a valid agent spec file";
-        factoryCategory().errorStream() << "Unable to parse spec file: " << e.what();
+        factoryCategory().error(text(boost::format("%1% is not a valid agent spec file") % spec.string()));
+        factoryCategory().error(text(boost::format("Unable to parse spec file: %1%") % e.what()));
         return false;
     }
     return true;
