@@ -2,6 +2,7 @@
 #include "commons/stream_errors.h"
 #include "commons/umask_scope.h"
 #include "ssh/libssh2pp.h"
+#include "support/file_size_limit.h"
 #include "support/files.h"
 #include "support/temp_dir.h"
 #include "unit/ssh/ssh_fixture.h"
@@ -23,6 +24,7 @@ using test::debugRecord;
 using test::errorRecord;
 using test::FakeChannel;
 using test::FakeRead;
+using test::FileSizeLimit;
 using test::readFile;
 using test::RecordingCounter;
 using test::SshOverFake;
@@ -153,7 +155,30 @@ TEST_F(SshGetFile, FailsForAnEmptyRemoteFileTooWhenItCannotBeOpened) {
 
 TEST_F(SshGetFile, FailsOnAFullDiskEvenWithTheLastFewBytes) {
     script.reads[0] = {{"small"}};
-    EXPECT_THROW(ssh().get("/dev/full", "remote"), Exc<&StreamWrite>);
+    const FileSizeLimit disk(4);
+    EXPECT_THROW(ssh().get(dir / "file", "remote"), Exc<&StreamWrite>);
+}
+
+TEST_F(SshGetFile, WritesThroughNoLinkThatStandsInItsPlace) {
+    writeFile(dir / "target", "old");
+    std::filesystem::create_symlink("target", dir / "file");
+    script.reads[0] = {{"content"}};
+    EXPECT_THROW(ssh().get(dir / "file", "remote"), Exc<&StreamWrite>);
+    EXPECT_EQ("old", readFile(dir / "target"));
+    EXPECT_TRUE(std::filesystem::is_symlink(dir / "file"));
+}
+
+TEST_F(SshGetFile, LeavesALinkThatStandsInItsPlaceWhenTheRemoteFileIsMissing) {
+    std::filesystem::create_symlink("target", dir / "file");
+    script.exitStatus = 1;
+    EXPECT_EQ(1, ssh().get(dir / "file", "remote"));
+    EXPECT_TRUE(std::filesystem::is_symlink(dir / "file"));
+}
+
+TEST_F(SshGetFile, WaitsForNobodyAtAFifoThatStandsInItsPlace) {
+    ASSERT_EQ(0, ::mkfifo((dir / "file").c_str(), 0600));
+    EXPECT_THROW(ssh().get(dir / "file", "remote"), Exc<&StreamWrite>);
+    EXPECT_TRUE(std::filesystem::is_fifo(dir / "file"));
 }
 
 using SshPut = SshTransfer;

@@ -2,18 +2,21 @@
 #include "tallowick/logging.h"
 
 #include "commons/session.h"
+#include "commons/system_error.h"
 #include "support/captured_stream.h"
 #include "support/child_process.h"
 #include "support/files.h"
+#include "support/product_dir.h"
 #include "support/temp_dir.h"
 #include "support/utility_log_capture.h"
 #include "tallowick/lifetime.h"
-#include "unit/tallowick/product_dir.h"
 #include "utils/log_hook.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <log4cpp/Category.hh>
+
+#include <sys/stat.h>
 
 #include <cstdlib>
 #include <filesystem>
@@ -44,7 +47,8 @@ class Logging : public testing::Test {
 
     static std::string propertiesName() { return productDir() + "/log4cpp.properties"; }
     static void logSomething() { log4cpp::Category::getInstance("k.some").debug("some message"); }
-    std::string log() const { return readFile(dir / "session/migration.log"); }
+    std::string logName() const { return dir / "session/migration.log"; }
+    std::string log() const { return readFile(logName()); }
 
     TempDir dir;
     SessionLifetimeController session{dir / "session"};
@@ -113,6 +117,44 @@ TEST_F(Logging, FailsWithABrokenConfiguration) {
         writeFile(propertiesName(), content);
         EXPECT_EQ(0, statusOfChild([] { EXPECT_THROW(initializeLog4Cpp(false), std::runtime_error); }));
     }
+}
+
+TEST_F(Logging, GoesThroughNoLinkThatStandsInPlaceOfTheFile) {
+    writeFile(dir / "target", "old");
+    std::filesystem::create_symlink(dir / "target", logName());
+    EXPECT_EQ(0, statusOfChild([this] {
+                  try {
+                      initializeLog4Cpp(false);
+                      FAIL() << "no error";
+                  } catch (const SystemError& error) {
+                      EXPECT_EQ("Cannot write to " + logName() + ": Too many levels of symbolic links",
+                                error.what());
+                  }
+                  logSomething();
+              }));
+    EXPECT_EQ("old", readFile(dir / "target"));
+    EXPECT_TRUE(std::filesystem::is_symlink(logName()));
+}
+
+TEST_F(Logging, CreatesNothingThroughALinkThatLeadsNowhere) {
+    std::filesystem::create_symlink(dir / "target", logName());
+    EXPECT_EQ(0, statusOfChild([] { EXPECT_THROW(initializeLog4Cpp(false), SystemError); }));
+    EXPECT_FALSE(std::filesystem::exists(dir / "target"));
+}
+
+TEST_F(Logging, WaitsForNobodyAtAFifoThatStandsInPlaceOfTheFile) {
+    ASSERT_EQ(0, ::mkfifo(logName().c_str(), 0600));
+    EXPECT_EQ(0, statusOfChild([] { EXPECT_THROW(initializeLog4Cpp(false), SystemError); }));
+    EXPECT_TRUE(std::filesystem::is_fifo(logName()));
+}
+
+TEST_F(Logging, AppendsToTheFileOfAnEarlierRun) {
+    writeFile(logName(), "earlier\n");
+    EXPECT_EQ(0, statusOfChild([this] {
+                  initializeLog4Cpp(false);
+                  logSomething();
+                  EXPECT_THAT(log(), MatchesRegex("earlier\n.*some message\n"));
+              }));
 }
 
 TEST_F(Logging, DoesWithoutAConsoleInItsConfiguration) {

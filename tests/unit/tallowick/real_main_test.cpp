@@ -7,10 +7,10 @@
 #include "support/captured_stream.h"
 #include "support/child_process.h"
 #include "support/files.h"
+#include "support/product_dir.h"
 #include "support/scoped_env.h"
 #include "support/temp_dir.h"
 #include "tallowick/driver.h"
-#include "unit/tallowick/product_dir.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

@@ -2,13 +2,16 @@
 #include "commons/stream_errors.h"
 #include "ssh/libssh2pp.h"
 #include "support/captured_stream.h"
+#include "support/file_size_limit.h"
 #include "support/files.h"
+#include "support/product_dir.h"
 #include "tallowick/actions.h"
 #include "unit/tallowick/action_fixture.h"
-#include "unit/tallowick/product_dir.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+
+#include <sys/stat.h>
 
 #include <filesystem>
 #include <iostream>
@@ -20,6 +23,7 @@ namespace {
 
 using test::ActionFixture;
 using test::CapturedStream;
+using test::FileSizeLimit;
 using test::productDir;
 using test::readFile;
 using test::writeFile;
@@ -124,9 +128,31 @@ TEST_F(SendScout, FailsWhenTheReportCannotBeWrittenEvenIfItIsEmpty) {
 }
 
 TEST_F(SendScout, FailsOnAFullDiskEvenWithTheLastFewBytes) {
-    std::filesystem::create_symlink("/dev/full", reportName());
     ssh.results[kPerl].out = "small";
+    const FileSizeLimit disk(4);
     EXPECT_THROW(action.execute(), Exc<&StreamWrite>);
+}
+
+TEST_F(SendScout, WritesThroughNoLinkInPlaceOfTheReport) {
+    writeFile(dir / "target", "old");
+    std::filesystem::create_symlink(dir / "target", reportName());
+    ssh.results[kPerl].out = "<report/>";
+    EXPECT_THROW(action.execute(), Exc<&StreamWrite>);
+    EXPECT_EQ("old", readFile(dir / "target"));
+    EXPECT_TRUE(std::filesystem::is_symlink(reportName()));
+}
+
+TEST_F(SendScout, WaitsForNobodyAtAFifoInPlaceOfTheReport) {
+    ASSERT_EQ(0, ::mkfifo(reportName().c_str(), 0600));
+    EXPECT_THROW(action.execute(), Exc<&StreamWrite>);
+    EXPECT_TRUE(std::filesystem::is_fifo(reportName()));
+}
+
+TEST_F(SendScout, WaitsForNobodyAtAFifoInPlaceOfTheScript) {
+    std::filesystem::remove(scoutName());
+    ASSERT_EQ(0, ::mkfifo(scoutName().c_str(), 0600));
+    EXPECT_THROW(action.execute(), Exc<&UnableToOpenScoutFile>);
+    std::filesystem::remove(scoutName());
 }
 
 class GetDumpingStatus : public ActionFixture {
