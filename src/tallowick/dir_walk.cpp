@@ -45,15 +45,26 @@ class TreeWalk {
         return std::find(path_.begin(), path_.end(), identityOf(directory)) != path_.end();
     }
 
+    // A link that leads to itself leads nowhere, like one whose target is missing.
+    static fs::file_status statusOf(const fs::directory_entry& entry) {
+        std::error_code error;
+        const fs::file_status status = entry.status(error);
+        if (error && error != std::errc::too_many_symbolic_link_levels && !fs::status_known(status)) {
+            throw fs::filesystem_error("stat", entry.path(), error);
+        }
+        return status;
+    }
+
     void visit(const fs::directory_entry& entry, const std::string& remotePath) {
-        if (entry.is_directory()) {
+        const fs::file_status status = statusOf(entry);
+        if (fs::is_directory(status)) {
             if (isOnPath(entry.path())) {
                 category().warnStream()
                     << "skipping " << entry.path().string() << ": it leads back to itself";
             } else if (visitor_(entry.path(), remotePath)) {
                 walk(entry.path(), remotePath);
             }
-        } else if (entry.is_regular_file()) {
+        } else if (fs::is_regular_file(status)) {
             visitor_(entry.path(), remotePath);
         } else {
             category().warnStream() << "skipping " << entry.path().string()
