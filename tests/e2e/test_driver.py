@@ -73,20 +73,28 @@ def test_plain_standard_exception_leaves_the_exit_code_unreported(tallowick_rele
     assert run.session.succeeded() == "error"
 
 
-def test_actions_that_are_not_known_end_with_status_2(tallowick):
-    # These rows of the action table belong to agents, which this program cannot deploy yet.
-    for action in ("--deploy-agent", "--dump-selected", "--dump-all"):
-        run = tallowick.run(action, *source(1), "--agent-dir=/agent", "--agent-name=SomeAgent")
-        assert run.status == 2
-        assert run.err == "Unknown action passed to the function. Probably bug in the options parser"
-        assert run.session.error().code == "UnknownAction"
+NOT_FOUND = "Agent SomeAgent was not found or does not contain proper spec file"
+
+
+@pytest.mark.parametrize("action, chain", [
+    ("--deploy-agent", [("NoSharedAgentsDirectory", "'shared' agents directory not found")]),
+    ("--dump-selected", [("CantRetrieveDump", "Error during dump retrieval"), ("AgentNotFound", NOT_FOUND)]),
+    ("--dump-all", [("CantRetrieveDump", "Error during dump retrieval"), ("AgentNotFound", NOT_FOUND)])])
+def test_actions_without_any_agents_end_with_status_2_before_they_connect(tallowick, action, chain):
+    run = tallowick.run(action, *source(1), "--agent-dir=/agent", "--agent-name=SomeAgent")
+    assert (run.status, run.err) == (2, chain[0][1])
+    error, told = run.session.error(), []
+    while error is not None:
+        told.append((error.code, error.description))
+        error = error.inner
+    assert told == chain
 
 
 def test_result_of_get_content_has_a_name_of_its_own(tallowick):
     session = tallowick.new_session()
     for count in (0, 1, 2):
-        run = tallowick.run("--get-content", *source(1), "--agent-dir=/a", "--agent-name=b", session=session)
-        assert run.status == 2
+        run = tallowick.run("--get-content", *source(1), "--agent-dir=/a", "--agent-name=SomeAgent", session=session)
+        assert (run.status, run.err) == (2, NOT_FOUND)
         expected = ["transfer.result", *[f"transfer.result.{number}" for number in range(1, count + 1)]]
         assert [name for name in session.names() if ".result" in name] == expected
 

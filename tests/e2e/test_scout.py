@@ -6,6 +6,7 @@ import os
 import pytest
 
 from harness.accounts import MOVER, OVNADM, OWNER
+from harness.disks import full_disk_at
 from harness.places import make_dir, write
 from harness.product import SMALL_REPORT, SMALL_SCOUT
 from harness.program import source
@@ -197,16 +198,36 @@ def test_scout_reads_the_home_of_the_login(tallowick, product, server):
     assert tallowick.run("--send-scout", *source(server)).session.scout_result == b"seen"
 
 
-def test_full_disk_below_the_report_is_an_error(tallowick, product, server):
-    for size in (1, 100, 3_000_000):
-        product.set_scout(f"print q(x) x {size};")
-        session = tallowick.new_session()
-        make_dir(session.path)
-        os.symlink("/dev/full", session.file("scout-result.xml"))
+@pytest.mark.parametrize("size", [1, 100, 3_000_000])
+def test_full_disk_below_the_report_is_an_error(tallowick, product, server, workspace, size):
+    product.set_scout(f"print q(x) x {size};")
+    session = tallowick.new_session()
+    make_dir(session.path)
+    with full_disk_at(session.file("scout-result.xml"), workspace / "disk"):
         run = tallowick.run("--send-scout", *source(server), session=session)
-        assert run.status == 2
-        assert run.err == "Cannot write data to the stream"
-        assert session.error().code == "StreamWrite"
+    assert run.status == 2
+    assert run.err == "Cannot write data to the stream"
+    assert session.error().code == "StreamWrite"
+
+
+@pytest.mark.parametrize("kind", ["link", "dangling link", "FIFO"])
+def test_what_is_no_file_in_place_of_the_report_is_refused_and_left_as_it_is(tallowick, server, workspace, kind):
+    session = tallowick.new_session()
+    make_dir(session.path)
+    report, target = session.file("scout-result.xml"), workspace / "target"
+    if kind == "FIFO":
+        os.mkfifo(report)
+    else:
+        os.symlink(target, report)
+    if kind == "link":
+        write(target, "untouched")
+    run = tallowick.run("--send-scout", *source(server), session=session)
+    assert (run.status, session.error().code) == (2, "StreamWrite")
+    if kind == "FIFO":
+        assert report.is_fifo()
+    else:
+        assert os.readlink(report) == str(target)
+        assert (target.read_text() == "untouched") if kind == "link" else not target.exists()
 
 
 def test_report_that_cannot_be_opened_is_an_error(tallowick, server):

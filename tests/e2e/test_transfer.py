@@ -7,6 +7,7 @@ import re
 
 import pytest
 
+from harness.disks import full_disk_at
 from harness.places import write
 from harness.probe import execute, get, get_stream, put
 
@@ -118,8 +119,27 @@ def test_local_file_that_cannot_be_opened_fails_with_the_first_chunk(probe, serv
 @pytest.mark.parametrize("size", [1, 100, 8 * MIB])
 def test_full_disk_is_an_error_also_for_the_last_bytes(probe, server, workspace, size):
     remote = write(workspace / "remote", content_of(size))
-    os.symlink("/dev/full", workspace / "local")
+    with full_disk_at(workspace / "local", workspace / "disk") as local:
+        assert probe.run(server, get(local, remote)).statuses == ["StreamWrite"]
+
+
+def test_link_in_place_of_the_local_file_is_refused_and_its_target_untouched(probe, server, workspace):
+    remote = write(workspace / "remote", b"text")
+    target = write(workspace / "target", b"untouched")
+    local = workspace / "local"
+    local.symlink_to(target)
+    assert probe.run(server, get(local, remote)).statuses == ["StreamWrite"]
+    # A failing "cat" deletes the local file that it was to fill, but not a link that is not its own.
+    assert probe.run(server, get(local, workspace / "missing")).statuses == [1]
+    assert local.is_symlink()
+    assert target.read_bytes() == b"untouched"
+
+
+def test_dangling_link_in_place_of_the_local_file_is_refused(probe, server, workspace):
+    remote = write(workspace / "remote", b"text")
+    (workspace / "local").symlink_to(workspace / "missing")
     assert probe.run(server, get(workspace / "local", remote)).statuses == ["StreamWrite"]
+    assert not (workspace / "missing").exists()
 
 
 @pytest.mark.parametrize("size", [1, 100, 8 * MIB])
