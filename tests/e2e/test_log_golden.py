@@ -13,6 +13,7 @@ import socket
 import pytest
 
 from harness.accounts import OWNER
+from harness.agents import NAME, PERL_STATUS_AGENT, AgentCatalogue
 from harness.isolation import without_account
 from harness.places import make_dir, write
 from harness.probe import execute, get, put
@@ -129,6 +130,39 @@ def test_run_without_a_reported_exit_code(tallowick_release, server):
         resource.RLIMIT_NOFILE, (most, most))) for limit in range(4, 16))
     run = next(run for run in runs if run.err.startswith("Uncaught std::exception: socket: ") and run.session.log)
     compare_run("plain-exception", run, port=server.port)
+
+
+def deploy(tallowick, server, agent_dir):
+    return tallowick.run("--deploy-agent", *source(server), f"--agent-dir={agent_dir}", f"--agent-name={NAME}")
+
+
+# The order in which a directory is listed is the file system's: none of these holds more than one thing to be told.
+def test_deployment(tallowick, product, server, outbox):
+    catalogue = AgentCatalogue(product)
+    catalogue.install_shared({"lib/Common.pm": "1;\n"})
+    catalogue.install(files={"run.pl": PERL_STATUS_AGENT}, Description="Some hosting panel", EntryPoint="run.pl",
+                      DocumentType="dump", Stylesheet="dump.xsl")
+    run = deploy(tallowick, server, outbox)
+    assert run.status == 0
+    compare_run("deploy-agent", run, port=server.port, agent=outbox, agents=catalogue.directory)
+
+
+def test_deployment_with_a_bad_spec_file_and_things_that_are_skipped(tallowick, product, server, outbox):
+    catalogue = AgentCatalogue(product)
+    os.mkfifo(catalogue.install_shared() / "pipe")
+    (catalogue.install(spec="EntryPoint: run.pl\nno colon\n") / "loop").symlink_to(".")
+    run = deploy(tallowick, server, outbox)
+    assert run.status == 2
+    compare_run("deploy-agent-bad-spec", run, port=server.port, agent=outbox, agents=catalogue.directory)
+
+
+def test_deployment_without_a_spec_file(tallowick, product, server, outbox):
+    catalogue = AgentCatalogue(product)
+    catalogue.install_shared()
+    (catalogue.install(EntryPoint="run.pl") / "control" / "spec").unlink()
+    run = deploy(tallowick, server, outbox)
+    assert run.status == 2
+    compare_run("deploy-agent-no-spec", run, port=server.port, agent=outbox, agents=catalogue.directory)
 
 
 def test_every_operation_of_the_connection(probe, server, workspace, outbox):
