@@ -1,11 +1,20 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "tallowick/dump_selection.h"
 
+#include "commons/secret_mask.h"
 #include "xml/log.h"
+#include "xml/xml_errors.h"
 #include "xml/xml_parse.h"
+#include "xml/xml_reader.h"
+
+#include <fstream>
+#include <iterator>
+#include <tuple>
 
 namespace korva {
 namespace {
+
+constexpr const char* kSourceName = "./actions";
 
 class tTallowickXmlDocument : public tXmlDocument {
   public:
@@ -64,6 +73,21 @@ void appendList(const std::string& given, std::string& list) {
     list += given;
 }
 
+// The messages of the parser quote lines of the file, cut to a length of its own: secrets have to go before.
+void throwWithoutSecrets(const config& cfg) {
+    Secrets secrets;
+    secrets.add(cfg.password);
+    secrets.add(cfg.sudo_password);
+    std::ifstream file(cfg.selected_objects_file);
+    const std::string text{std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
+    const std::string masked = secrets.mask(text);
+    if (masked != text) {
+        std::string messages;
+        std::ignore = parseXmlText(masked, messages);
+        throw KORVA_EXC(tError_ParseFile) % cfg.selected_objects_file % messages;
+    }
+}
+
 // A migration agent that fetches content by rsync connects to the source host by itself.
 void addRsyncTransport(const config& cfg, DumperInput& input) {
     const std::string port = cfg.port == -1 ? "" : std::to_string(cfg.port);
@@ -100,8 +124,13 @@ void prepareDumpOptions(const config& cfg, std::vector<std::string>& arguments, 
     bool adminInfo = false;
     bool noLicense = false;
     if (!cfg.selected_objects_file.empty()) {
-        parseSelectedObjectsFile(cfg.selected_objects_file, domains, clients, resellers, filter, compress,
-                                 server, adminInfo, noLicense);
+        try {
+            parseSelectedObjectsFile(cfg.selected_objects_file, domains, clients, resellers, filter, compress,
+                                     server, adminInfo, noLicense);
+        } catch (const Exc<&tError_ParseFile>&) {
+            throwWithoutSecrets(cfg);
+            throw;
+        }
     }
     getSelectedObjectsFromConfig(cfg, domains, clients, resellers, filter, compress, server, adminInfo,
                                  noLicense);
