@@ -2,11 +2,13 @@
 """Neither password is ever written anywhere or seen in a process, whatever the remote side echoes."""
 
 import os
+import re
 import time
 
 import pytest
 
 from harness.accounts import MOVER, NOPASS, OWNER, PLAIN, SPACEY
+from harness.agents import AgentCatalogue, DeployedAgent, fill
 from harness.places import make_dir, write
 from harness.processes import descendants, proc_bytes
 from harness.product import SMALL_SCOUT
@@ -52,6 +54,101 @@ def test_no_action_writes_a_password_anywhere(tallowick, server, workspace, acti
         arguments.append("--sudo-password")
     run = tallowick.run(*arguments, password=account.password, sudo_password=sudo_password)
     assert_nowhere(run, account.password, *([sudo_password] if sudo_password else []))
+
+
+AGENT_ACTIONS = {"--deploy-agent": [],
+                 "--dump-selected": ["--domains=one.example,two.example", "--content-transport=rsync"],
+                 "--dump-all": ["--content-transport=rsync"],
+                 "--get-content": []}
+
+
+def agent_cases():
+    """As `cases()`, with fewer logins."""
+    return [pytest.param(MOVER, None, id="no sudo"),
+            pytest.param(MOVER, MOVER.sudo_password, id="asked for root's password"),
+            pytest.param(SPACEY, SPACEY.sudo_password, id="password with blanks"),
+            pytest.param(NOPASS, NOPASS.sudo_password, id="not asked"),
+            pytest.param(OWNER, "wrong-Sudo-Password-1", id="wrong")]
+
+
+@pytest.fixture
+def deployed(product, workspace):
+    """An agent that an account has deployed, and can deploy anew."""
+    def make(account):
+        agent = DeployedAgent(product, workspace / "agent", owner=account)
+        fill(AgentCatalogue(product).path(agent.name), {"run.pl": agent.entry_point.read_bytes()})
+        fill(AgentCatalogue(product).shared, {"lib/Common.pm": "1;"})
+        agent.offer({"content/file": b"some content"})
+        return agent
+
+    return make
+
+
+def run_action(tallowick, server, agent, action, account, sudo_password=None, **options):
+    sudo = [] if sudo_password is None else ["--sudo-password"]
+    return tallowick.run(action, *source(server, account), *agent.options, *AGENT_ACTIONS[action], *sudo, "--verbose",
+                         password=account.password, sudo_password=sudo_password, **options)
+
+
+@pytest.mark.parametrize("account, sudo_password", agent_cases())
+@pytest.mark.parametrize("action", AGENT_ACTIONS)
+def test_no_action_with_an_agent_writes_a_password_anywhere(tallowick, server, deployed, action, account,
+                                                            sudo_password):
+    agent = deployed(account)
+    run = run_action(tallowick, server, agent, action, account, sudo_password)
+    assert run.status == (0 if sudo_password in (None, account.sudo_password) else 2)
+    secrets = {account.password, sudo_password} - {None}
+    assert_nowhere(run, *secrets)
+    seen = [*server.commands(), *[call.environment for call in agent.calls()],
+            *[os.fsencode(word) for call in agent.calls() for word in call.arguments]]
+    for secret in secrets:
+        assert not [each for each in seen if secret.encode() in each]
+        assert secret not in server.log()
+
+
+@pytest.mark.parametrize("account, sudo", [(MOVER, False), (MOVER, True), (SPACEY, True), (NOPASS, True)],
+                         ids=["no sudo", "sudo", "sudo with blanks", "sudo not asked"])
+def test_login_password_for_rsync_reaches_the_dumper_but_not_the_log(tallowick, server, deployed, account, sudo):
+    agent = deployed(account)
+    run = run_action(tallowick, server, agent, "--dump-selected", account, account.sudo_password if sudo else None)
+    assert run.status == 0
+    # A sudo that does not ask leaves its password line to the dumper.
+    line = f"{account.sudo_password}\n" if sudo and account.sudo == "free" else ""
+    assert agent.dumps()[0].stdin.decode() == (f"{line}127.0.0.1\n{account.login}\n{account.password}\n{server.port}\n"
+                                               "one.example,two.example")
+    sent = "".join(record.text.removeprefix("remote stdin <- ") for record in run.session.records
+                   if record.text.startswith("remote stdin <- "))
+    # This login is also a word of its password.
+    login = MASK if account is SPACEY else account.login
+    assert f"127.0.0.1\n{login}\n{MASK}\n{server.port}\none.example,two.example" in sent
+    assert_nowhere(run, account.password, account.sudo_password)
+
+
+@pytest.mark.parametrize("where", ["STDERR", "STDOUT"])
+@pytest.mark.parametrize("account, sudo_password", [(MOVER, None), (NOPASS, "the-Sudo-Password"),
+                                                    (NOPASS, "Words-One Words-Two")])
+def test_dumper_that_echoes_its_input_is_masked(tallowick, server, deployed, account, sudo_password, where):
+    agent = deployed(account)
+    agent.on("dump", f"print {where} $input, map {{ qq(near '$_'\n) }} split(' ', $input); exit 3;")
+    run = run_action(tallowick, server, agent, "--dump-all", account, sudo_password)
+    assert (run.status, run.session.error().inner.code) == (2, "CantRetrieveDumpFile")
+    echo = f"127.0.0.1\n{account.login}\n{MASK}\n{server.port}\n"
+    assert echo in "".join(record.text.partition(f"remote {where.lower()} -> ")[2] for record in run.session.records)
+    assert (echo in run.session.error().inner.description) == (where == "STDERR")
+    assert_nowhere(run, account.password, *([sudo_password, *sudo_password.split()] if sudo_password else []))
+
+
+@pytest.mark.parametrize("asked, action", [("status", "--deploy-agent"), ("list", "--get-content")])
+@pytest.mark.parametrize("perl", ["print STDERR $input; exit 1;", "print $input;"], ids=["failing", "answering"])
+def test_agent_that_echoes_the_password_line_is_masked(tallowick, server, deployed, asked, action, perl):
+    agent = deployed(NOPASS)
+    agent.on(asked, perl)
+    run = run_action(tallowick, server, agent, action, NOPASS, "the-Sudo-Password")
+    assert run.status == (0 if asked == "status" and perl.startswith("print $") else 2)
+    assert run.status == 0 or MASK in run.session.error().description
+    assert re.search(r"remote std(out|err) -> .*\*{8}", run.session.log)
+    # The agent's answer is stored as it is.
+    assert_nowhere(run, "the-Sudo-Password", except_for=("agent-deployment.status",))
 
 
 def test_log_is_at_debug_level_when_this_is_checked(tallowick, server):
@@ -225,16 +322,9 @@ def test_rest_of_the_input_may_be_logged_but_not_its_password_line(tallowick, ec
     assert_nowhere(run, "the-Sudo-Password", "the-Sudo")
 
 
-@pytest.mark.parametrize("account, sudo", [(MOVER, False), (MOVER, True), (SPACEY, True)],
-                         ids=["no sudo", "sudo", "sudo with blanks"])
-def test_no_process_shows_a_password_while_the_scout_runs(tallowick, product, server, outbox, account, sudo):
-    product.set_scout(f"open F, q(>{outbox}/running); close F; "
-                      f"until (-e '{outbox}/go') {{ select undef, undef, undef, 0.05 }}")
-    os.chmod(outbox, 0o777)
-    extra = ["--sudo-password"] if sudo else []
-    running = tallowick.start("--send-scout", *source(server, account), *extra, password=account.password,
-                              sudo_password=account.sudo_password)
-    wait_until((outbox / "running").exists, "the scout")
+def assert_in_no_process(running, server, outbox, account):
+    """Once the remote perl waits, no process of the run, of the server or of the command shows a password."""
+    wait_until((outbox / "running").exists, "the remote perl")
     seen = {}
     for pid in [running.pid, *descendants(running.pid), *server.pids()]:
         for name in ("cmdline", "environ", "comm"):
@@ -245,6 +335,38 @@ def test_no_process_shows_a_password_while_the_scout_runs(tallowick, product, se
     for where, content in seen.items():
         for secret in {account.password, account.sudo_password}:
             assert secret.encode() not in content, f"a password stands in {where}"
+
+
+def wait_for_go(outbox):
+    """Perl that says that it runs and waits for its end."""
+    os.chmod(outbox, 0o777)
+    return (f"open F, q(>{outbox}/running); close F; "
+            f"until (-e '{outbox}/go') {{ select undef, undef, undef, 0.05 }}")
+
+
+PROCESSES = pytest.mark.parametrize("account, sudo", [(MOVER, False), (MOVER, True), (SPACEY, True)],
+                                    ids=["no sudo", "sudo", "sudo with blanks"])
+
+
+@PROCESSES
+def test_no_process_shows_a_password_while_the_scout_runs(tallowick, product, server, outbox, account, sudo):
+    product.set_scout(wait_for_go(outbox))
+    running = tallowick.start("--send-scout", *source(server, account), *(["--sudo-password"] if sudo else []),
+                              password=account.password, sudo_password=account.sudo_password)
+    assert_in_no_process(running, server, outbox, account)
+
+
+@PROCESSES
+@pytest.mark.parametrize("asked, action", [("status", "--deploy-agent"), ("dump", "--dump-all"),
+                                           ("list", "--get-content")])
+def test_no_process_shows_a_password_while_the_agent_runs(tallowick, deployed, server, outbox, account, sudo, asked,
+                                                          action):
+    agent = deployed(account)
+    agent.on(asked, wait_for_go(outbox))
+    running = tallowick.start(action, *source(server, account), *agent.options, *AGENT_ACTIONS[action],
+                              *(["--sudo-password"] if sudo else []), password=account.password,
+                              sudo_password=account.sudo_password)
+    assert_in_no_process(running, server, outbox, account)
 
 
 def test_rejected_password_is_in_no_document_of_the_server_side_either(tallowick, server):

@@ -129,7 +129,7 @@ my $call = sprintf '%s/calls/%04d', $own, $number + 1;
 mkdir $call or die "$call: $!\\n";
 binmode STDIN;
 binmode STDOUT;
-my $input = do { local $/; <STDIN> };
+our $input = do { local $/; <STDIN> };
 record($call, 'argv', join '', map { "$_\\0" } @ARGV);
 record($call, 'cwd', Cwd::getcwd());
 record($call, 'uid', $>);
@@ -185,7 +185,7 @@ class DeployedAgent:
 
     def on(self, asked, perl):
         """Runs `perl` in each call of that kind ("status", "list" or "dump"), once it is noted and before the
-        answer is given; "exit" there ends the call."""
+        answer is given; "exit" there ends the call, $input is its standard input."""
         write(self._own / f"on-{asked}", perl)
 
     def fail(self, asked, message="oh dear\n", status=3):
