@@ -4,6 +4,7 @@
 `TALLOWICK_WRITE_GOLDEN=1` writes those files anew; look at the difference before you keep it.
 """
 
+import dataclasses
 import os
 import pathlib
 import re
@@ -13,7 +14,8 @@ import socket
 import pytest
 
 from harness.accounts import OWNER
-from harness.agents import NAME, PERL_STATUS_AGENT, AgentCatalogue
+from harness.agents import (NAME, PERL_STATUS_AGENT, AgentCatalogue, ContentFile, DeployedAgent,
+                            content_list)
 from harness.isolation import without_account
 from harness.places import make_dir, write
 from harness.probe import execute, get, put
@@ -173,6 +175,17 @@ def test_every_operation_of_the_connection(probe, server, workspace, outbox):
     # The probe's layout has no date.
     dated = re.sub(r"^(?=(DEBUG|INFO|ERROR) k\.)", "2000-01-01 00:00:00,000 ", run.log.decode(), flags=re.MULTILINE)
     compare("probe", parse_log(dated), port=server.port, local=local, remote=outbox / "remote")
+
+
+def test_content(tallowick, server, product, workspace):
+    agent = DeployedAgent(product, workspace / "agent")
+    entries = agent.offer({"site.tar": b"some archive", "mail/two words.tar": b"damaged", "locked/file": b""})
+    damaged = dataclasses.replace(entries[1], md5="0123456789abcdef" * 2)
+    agent.answer(list=content_list([entries[0], damaged, entries[2], ContentFile("gone")]))
+    os.chown(agent.directory / "locked", 0, 0)
+    run = tallowick.run("--get-content", *source(server), *agent.options)
+    assert run.status == 2
+    compare_run("get-content", run, port=server.port, agent=agent.directory, agents=AgentCatalogue(product).directory)
 
 
 def test_verbose_run_shows_the_same_on_the_console(tallowick, server):
