@@ -145,7 +145,8 @@ def test_agent_that_echoes_the_password_line_is_masked(tallowick, server, deploy
     agent.on(asked, perl)
     run = run_action(tallowick, server, agent, action, NOPASS, "the-Sudo-Password")
     assert run.status == (0 if asked == "status" and perl.startswith("print $") else 2)
-    assert run.status == 0 or MASK in run.session.error().description
+    result = "transfer.result" if action == "--get-content" else "migration.result"
+    assert run.status == 0 or MASK in run.session.error(result).description
     assert re.search(r"remote std(out|err) -> .*\*{8}", run.session.log)
     # The agent's answer is stored as it is.
     assert_nowhere(run, "the-Sudo-Password", except_for=("agent-deployment.status",))
