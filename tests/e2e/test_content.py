@@ -76,6 +76,22 @@ def test_unknown_agent_is_told_before_anything_is_run(tallowick, server, agent):
     assert server.commands() == []
 
 
+def test_refused_connection_has_its_own_status_and_stands_in_the_result_document(tallowick, agent):
+    run = get_content(tallowick, 1, agent)
+    assert run.status == 11
+    error = run.session.error(RESULT)
+    assert (error.code, error.inner) == ("ConnectionRefused", None)
+    assert run.err == error.description
+    assert run.session.succeeded(RESULT) == "error"
+
+
+def test_content_may_come_unencrypted(tallowick, server, agent):
+    agent.offer({"file": b"text"})
+    run = get_content(tallowick, server, agent, "--no-encryption")
+    assert run.status == 0
+    assert fetched_files(run.session) == {"file": b"text"}
+
+
 def test_with_sudo_the_list_and_the_removal_run_as_root_and_the_download_as_the_login(tallowick, server, agent):
     agent.offer({"file": b"text", "locked/file": b"more"})
     os.chown(agent.directory / "locked", 0, 0)
@@ -410,6 +426,14 @@ def test_name_records_hold_the_directory_as_it_was_given(tallowick, server, agen
     assert run.session.file("migration-result-name").read_bytes() == b"a b//migration.result"
 
 
+def test_name_records_hold_the_session_directory_as_it_was_given(tallowick, server, agent, workspace):
+    path = workspace / "session"
+    run = get_content(tallowick, server, agent, f"--session-path={path}/", session=False)
+    assert run.status == 0
+    assert (path / "dump-name").read_bytes() == f"{path}//dump.xml".encode()
+    assert (path / "migration-result-name").read_bytes() == f"{path}//migration.result".encode()
+
+
 def test_longer_name_record_of_an_earlier_run_is_replaced(tallowick, server, agent):
     session = tallowick.new_session()
     write(make_dir(session.path) / "dump-name", b"x" * 500)
@@ -606,6 +630,16 @@ def test_remote_cat_that_is_killed_midway_leaves_the_file_where_it_was(tallowick
     assert list(remote_files(agent)) == ["file"]
 
 
+def test_noise_of_the_login_shell_in_a_file_is_noticed(tallowick, start_sshd, agent):
+    contents = {"summed": b"text", "counted": b"text"}
+    summed, _ = agent.offer(contents)
+    agent.answer(list=content_list([summed, ContentFile("counted", 4)]))
+    run = get_content(tallowick, start_sshd(shell_lines='case $command in cat*) echo Welcome ;; esac'), agent)
+    assert run.status == 0
+    assert remote_files(agent) == contents
+    assert len(log_entries(run.session, "WrongMd5Sum")) == 2
+
+
 @pytest.mark.parametrize("kind", [FIN, RST])
 def test_run_after_a_cut_connection_completes_the_content(tallowick, server, agent, start_relay, kind):
     contents = {"one": bytes_of(300_000), "two": bytes_of(300_001), "three": bytes_of(300_002)}
@@ -680,7 +714,7 @@ def test_status_document_is_whole_and_plausible_whenever_it_is_read(tallowick, s
     contents = {name: bytes_of(size) for name in ("one", "sub/two", "three")}
     entries = agent.offer(contents)
     agent.answer(list=content_list([ContentFile(entry.path, size // told) for entry in entries]))
-    relay = start_relay(server, drip=(16384, 0.002))
+    relay = start_relay(server, drip=(16384, 0.004))
     session = tallowick.new_session()
     with Poller(session.file("migration.status")) as poller:
         assert get_content(tallowick, relay, agent, session=session).status == 0
@@ -735,8 +769,12 @@ def test_many_files_arrive_in_little_memory(tallowick_release, start_sshd, agent
                 for number in range(2000 if BIG else 300)}
     agent.offer(contents)
     peak = workspace / "peak"
-    run = get_content(tallowick_release, start_sshd(record=False), agent, prefix=[*MEASURE, str(peak)], timeout=600)
+    session = tallowick_release.new_session()
+    with Poller(session.file("migration.status")) as poller:
+        run = get_content(tallowick_release, start_sshd(record=False), agent, session=session,
+                          prefix=[*MEASURE, str(peak)], timeout=600)
     assert run.status == 0
+    assert {kind for kind, _, _ in states_of(poller.versions)} == {"idle", "dumpfile", "files"}
     assert fetched_files(run.session) == contents
     assert remote_files(agent) == {}
     assert log_entries(run.session, "WrongMd5Sum") == []

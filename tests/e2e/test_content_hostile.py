@@ -426,6 +426,18 @@ def test_full_disk_keeps_the_old_file_and_the_remote_one(tallowick, server, agen
     assert server.commands() == [commands.list(), commands.cat("file")]
 
 
+def test_session_directory_that_fills_up_with_content_loses_nothing(tallowick, server, agent):
+    contents = {"file": b"x" * 1024 * 1024}
+    agent.offer(contents)
+    session = tallowick.new_session()
+    with small_disk(session.path, "size=256k"):
+        write(session.file("file"), b"old")
+        inner_code(get_content(tallowick, server, agent, "--no-check-space", session=session))
+        assert fetched_files(session) == {"file": b"old"}
+        assert [element.tag for element in session.status] == ["idle"]
+    assert remote_files(agent) == contents
+
+
 @pytest.mark.parametrize("content", [b"", b"text"], ids=["empty file", "file"])
 def test_disk_without_room_for_another_name_keeps_the_remote_file(tallowick, server, agent, workspace, content):
     agent.offer({"file": content})
