@@ -24,6 +24,12 @@ SignalHold::~SignalHold() {
     sigprocmask(SIG_SETMASK, &maskBefore_, nullptr);
 }
 
+void SignalHold::admit() {
+    sigset_t held;
+    sigprocmask(SIG_SETMASK, &maskBeforeOutermost, &held);
+    sigprocmask(SIG_SETMASK, &held, nullptr);
+}
+
 const sigset_t& SignalHold::maskForWaits() {
     return maskBeforeOutermost;
 }

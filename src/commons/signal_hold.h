@@ -17,6 +17,10 @@ class SignalHold {
     /// The signal mask as it was before the outermost scope; only while there is one.
     static const sigset_t& maskForWaits();
 
+    /// Lets a signal in that has come meanwhile, for work that goes on without a wait; only while there is a
+    /// scope, and between library calls.
+    static void admit();
+
   private:
     sigset_t maskBefore_;
 };

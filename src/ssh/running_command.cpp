@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "ssh/running_command.h"
 
+#include "commons/signal_hold.h"
 #include "ssh/libssh2pp.h"
 #include "ssh/pump.h"
 #include "ssh/remote_log.h"
@@ -62,6 +63,7 @@ void RunningCommand::sendInput() {
 
 void RunningCommand::drainOutput() {
     while (!channel_.eof()) {
+        SignalHold::admit();  // a command that never pauses leaves no wait for it
         ssh_.serveAlarm();
         if (!readStreams()) {
             channel_.poll(kWakeUpMs);

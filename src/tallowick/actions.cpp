@@ -11,6 +11,7 @@
 #include "tallowick/second_error.h"
 #include "tallowick/status_refresh.h"
 
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -33,6 +34,14 @@ constexpr const char* kSudoPrefix = "sudo -k; sudo -S -p ' ' ";
 
 std::string readAll(std::istream& in) {
     return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
+}
+
+// The dump may need the space. What was in the way and was refused stays.
+void removeRegularFile(const std::string& path) {
+    struct stat status {};
+    if (lstat(path.c_str(), &status) == 0 && S_ISREG(status.st_mode)) {
+        std::ignore = unlink(path.c_str());
+    }
 }
 
 }  // namespace
@@ -184,9 +193,9 @@ void Action::clearAlarmFunction() {
 
 void Action::doAlarm() {
     Action* const refreshed = pAction.exchange(nullptr);  // ticks that come meanwhile do nothing
+    const std::string name = theSession->getDumpingStatusFileName();
+    const std::string unfinished = name + ".tmp";
     try {
-        const std::string name = theSession->getDumpingStatusFileName();
-        const std::string unfinished = name + ".tmp";
         getSsh()->setAlarm(nullptr);
         // A dumper that has not written its status yet is no failure.
         if (getSsh()->get(unfinished, dumpingStatusPath()) == 0) {
@@ -195,6 +204,7 @@ void Action::doAlarm() {
     } catch (const MigrationTerminatedException&) {
         throw;
     } catch (...) {  // a refresh never disturbs the dump; refreshing ends here
+        removeRegularFile(unfinished);
         return;
     }
     alarm(kRefreshIntervalSeconds);

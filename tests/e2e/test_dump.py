@@ -15,7 +15,7 @@ from harness.places import make_dir, write
 from harness.program import source
 from harness.relay import FIN, HALF_CLOSE, RST, STALL, Fault
 from harness.session import Session, shape
-from harness.waiting import wait_until
+from harness.waiting import open_for_reader, wait_until
 
 FAILED = "Error during dump retrieval"
 DUMPER_FAILED = "Error during dump file retrieving. \nRemote agent failed with the following stderr messages: {}"
@@ -478,7 +478,7 @@ def test_status_document_tells_that_the_agent_waits(tallowick, server, agent):
     os.mkfifo(agent.directory / "held", 0o666)
     agent.on("dump", "open my $held, '<', qq($FindBin::Bin/held); readline $held;")
     running = tallowick.start("--dump-all", *source(server), *agent.options)
-    with open(agent.directory / "held", "wb"):
+    with open_for_reader(agent.directory / "held"):
         assert shape(running.session.status) == (
             "migration-status", {}, "", [("agent", {"action": "wait"}, "", [("host", {}, "127.0.0.1", [])])])
     assert_dumped(running.wait())
@@ -706,7 +706,7 @@ def test_connection_lost_while_the_dumper_runs_is_included(tallowick, server, ag
     agent.on("dump", "open my $held, '<', qq($FindBin::Bin/held); readline $held;")
     relay = start_relay(server)
     running = tallowick.start("--dump-all", *source(relay), *agent.options)
-    with open(agent.directory / "held", "wb"):
+    with open_for_reader(agent.directory / "held"):
         relay.connections[0].act(kind, "server")
         run = running.wait()
     assert_failed(run, "SshConnectionFault", "Lost connection with the remote host")

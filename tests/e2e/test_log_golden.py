@@ -188,6 +188,25 @@ def test_content(tallowick, server, product, workspace):
     compare_run("get-content", run, port=server.port, agent=agent.directory, agents=AgentCatalogue(product).directory)
 
 
+def test_dump(tallowick, product, server, outbox):
+    agent = DeployedAgent(product, outbox / "agent")
+    agent.on("dump", "print qq(one domain dumped\\n);")
+    run = tallowick.run("--dump-selected", *source(server), *agent.options, "--domains=one.example",
+                        "--content-transport=rsync", "--no-content")
+    assert run.status == 0
+    compare_run("dump-selected", run, port=server.port, agent=agent.directory,
+                agents=AgentCatalogue(product).directory)
+
+
+def test_dump_with_a_dumper_that_fails(tallowick, product, server, outbox):
+    agent = DeployedAgent(product, outbox / "agent")
+    agent.fail("dump", "oh dear\n", 3)
+    run = tallowick.run("--dump-all", *source(server), *agent.options)
+    assert run.status == 2
+    compare_run("dump-all-failed", run, port=server.port, agent=agent.directory,
+                agents=AgentCatalogue(product).directory)
+
+
 def test_verbose_run_shows_the_same_on_the_console(tallowick, server):
     run = tallowick.run("--send-scout", *source(server), "--verbose")
     expected = "".join(f"{record.level} {record.category}: {record.text}\n" for record in run.session.records)

@@ -3,10 +3,13 @@
 
 import concurrent.futures
 import contextlib
+import os
 import socket
 import subprocess
 import threading
+import time
 
+from harness.agents import DUMP, DeployedAgent
 from harness.places import make_dir
 from harness.probe import Probe, execute
 from harness.processes import kill_tree
@@ -15,7 +18,8 @@ from harness.program import Program, source
 from harness.relay import STALL, Fault, Relay
 from harness.scripted import Script, ScriptedServer
 from harness.sshd import SshServer
-from harness.waiting import wait_until
+from harness.waiting import open_for_reader, wait_until
+from harness.watch_file import Watcher
 
 # An address that can be taken away while a connection to it is open.
 _FLEETING = "192.0.2.77"
@@ -24,9 +28,27 @@ _FLEETING = "192.0.2.77"
 _HANGS_AFTER_S = 400
 
 
+# Replaces its status as a whole twice a second; what it says besides must come through.
+_DUMP_FOR = """
+my $end = time + %d;
+for (my $step = 1; time < $end; ++$step) {
+    open my $status, '>', "$FindBin::Bin/new" or die $!;
+    print {$status} '<dumping-status>', $step, '<!--', 'x' x 50_000, '--></dumping-status>';
+    close $status or die $!;
+    rename "$FindBin::Bin/new", "$FindBin::Bin/dumping-status.xml" or die $!;
+    print "step $step\\n";
+    select undef, undef, undef, 0.5;
+}
+"""
+
+# One and a half intervals between two refreshes.
+_LATE_S = 7.5
+
+
 class LongRuns:
-    """Futures: of runs of the program (`silent_server`, `silent_key_exchange`, `silent_login`) and of one of the
-    probe (`vanished_peer`)."""
+    """Futures: of runs of the program (`silent_server`, `silent_key_exchange`, `silent_login`; dumps whose status is
+    refreshed: `slow_dump` with what a watcher saw of the local status, `dump_over_slow_connection`,
+    `slow_fetch_of_dump`) and of one of the probe (`vanished_peer`). `dump_server` is the one that dumps."""
 
     def __init__(self, programs, directory):
         make_dir(directory)
@@ -37,6 +59,11 @@ class LongRuns:
         self.silent_server = self._against(self._silent_listener())
         self.silent_key_exchange = self._against(self._relay_that_stalls(directory))
         self.silent_login = self._against(self._server_that_never_decides())
+        self.dump_server = SshServer(directory / "sshd-for-dumps")
+        self._ends.callback(self.dump_server.stop)
+        self.slow_dump = self._watch_dump(directory)
+        self.dump_over_slow_connection = self._dump_over_slow_connection(directory)
+        self.slow_fetch_of_dump = self._fetch_slowly(directory)
         self.vanished_peer = self._lose_the_peer(Probe(programs["TALLOWICK_PROBE_BIN"], directory), directory)
 
     def _silent_listener(self):
@@ -54,11 +81,51 @@ class LongRuns:
         return self._ends.enter_context(ScriptedServer(Script(password=lambda password: never.wait()))).port
 
     def _against(self, port):
-        running = self._program.start("--send-scout", *source(port))
+        return _in_background(self._start("--send-scout", *source(port)).wait, timeout=_HANGS_AFTER_S)
+
+    def _start(self, *arguments):
+        running = self._program.start(*arguments)
         self._running.append(running)
         # From here on the run needs no file of the product, which other tests change.
         wait_until(lambda: "Trying to start SSH session" in running.session.log, "the TCP connection")
+        return running
+
+    def _watch_dump(self, directory):
+        agent = DeployedAgent(Product(), directory / "slow-agent")
+        agent.on("dump", _DUMP_FOR % 30)
+        running = self._start("--dump-all", *source(self.dump_server), *agent.options)
+        watcher = Watcher(running.session.file("dumping-status.xml"))
+
+        def wait():
+            try:
+                run = running.wait(timeout=_HANGS_AFTER_S)
+            finally:
+                seen = watcher.stop()
+            return run, seen
+
+        return _in_background(wait)
+
+    def _dump_over_slow_connection(self, directory):
+        agent = DeployedAgent(Product(), directory / "distant-agent")
+        agent.on("dump", _DUMP_FOR % 12)
+        relay = self._ends.enter_context(Relay(self.dump_server.port, delay=0.6))
+        running = self._start("--dump-all", *source(relay), *agent.options)
         return _in_background(running.wait, timeout=_HANGS_AFTER_S)
+
+    def _fetch_slowly(self, directory):
+        agent = DeployedAgent(Product(), directory / "late-agent")
+        agent.answer(dump=None)
+        dump = agent.directory / "dump.xml"
+        os.mkfifo(dump, 0o666)
+        running = self._start("--dump-all", *source(self.dump_server), *agent.options)
+
+        def feed():
+            with open_for_reader(dump) as fetched:
+                time.sleep(_LATE_S)
+                fetched.write(DUMP)
+            return running.wait(timeout=_HANGS_AFTER_S)
+
+        return _in_background(feed)
 
     def _lose_the_peer(self, probe, directory):
         _ip_address("add")
