@@ -100,9 +100,10 @@ std::optional<std::string> ContentTarget::refusal(const std::string& listedPath)
 
 // Each part of the path counts: a directory made under such a name would be as bad.
 bool ContentTarget::isFileOfThisRun(const std::string& listedPath) const {
-    fs::path local = directory_;
+    std::error_code missing;
+    // What is missing so far may lead up again once it is made.
+    fs::path local = fs::weakly_canonical(directory_, missing);
     for (const std::string& name : components(listedPath)) {
-        std::error_code missing;
         if (IncomingFile::isTemporaryName(name) ||
             (isNameOfThisRun(name) && fs::equivalent(local, theSession->getDir(), missing))) {
             return true;

@@ -224,6 +224,16 @@ def test_path_of_a_file_of_this_run_is_refused_however_the_dumps_directory_names
     assert reason == "the path is that of a file of this run"
 
 
+def test_path_of_a_file_of_this_run_is_refused_in_a_dumps_directory_that_is_still_to_be_made(tallowick, server, agent,
+                                                                                            session):
+    agent.offer({"dump-name": b"hostile"})
+    dumps = f"{session.path}/new/.."
+    run = get_content(tallowick, server, agent, f"--dumps-dir={dumps}", "--no-check-space", session=session)
+    assert refusal(run, "dump-name", dumps) == "the path is that of a file of this run"
+    assert set(session.names()) == {"archives", "migration.log", "migration.status", RESULT}
+    assert remote_files(agent) == {"dump-name": b"hostile"}
+
+
 def test_files_that_are_only_named_like_those_of_this_run_are_fetched(tallowick, server, agent):
     contents = {path: path.encode() for path in (
         "dump.xml", "migration.result", "sub/migration.log", f"sub/{RESULT}", f"{RESULT}s", f"{RESULT}.1a",
