@@ -77,6 +77,17 @@ TEST_F(SignalHoldTest, LetsATickIntoAWaitWithTheMaskForWaits) {
     EXPECT_EQ(1, ticks);
 }
 
+TEST_F(SignalHoldTest, AdmitsATickThatHasCome) {
+    const SignalHold outer;
+    const SignalHold inner;
+    SignalHold::admit();
+    EXPECT_EQ(0, ticks);
+    raise(SIGALRM);
+    SignalHold::admit();
+    EXPECT_EQ(1, ticks);
+    EXPECT_TRUE(isBlocked(SIGALRM));
+}
+
 TEST_F(SignalHoldTest, LeavesASignalBlockedThatWasBlockedBefore) {
     sigset_t alarmOnly;
     sigemptyset(&alarmOnly);

@@ -181,6 +181,24 @@ TEST_F(StatusRefresh, StopsAfterAFailedFetchWithoutDisturbingTheDump) {
     EXPECT_EQ(1U, ssh.commands.size());
 }
 
+TEST_F(StatusRefresh, GivesTheSpaceOfAFailedFetchBack) {
+    writeFile(localStatus(), "old");
+    download().meanwhile = [this] {
+        writeFile(unfinished(), "half");
+        throw Exc<&SshConnectionFault>("context", "file", 1);
+    };
+    action.doAlarm();
+    EXPECT_FALSE(std::filesystem::exists(unfinished()));
+    EXPECT_EQ("old", readFile(localStatus()));
+}
+
+TEST_F(StatusRefresh, RemovesNothingButItsOwnFileAfterAFailedFetch) {
+    std::filesystem::create_symlink("somewhere", unfinished());
+    download().meanwhile = [] { throw Exc<&SshConnectionFault>("context", "file", 1); };
+    action.doAlarm();
+    EXPECT_TRUE(std::filesystem::is_symlink(unfinished()));
+}
+
 TEST_F(StatusRefresh, StopsAfterAnyOtherException) {
     pAction = &action;
     download().meanwhile = [] { throw 1; };
