@@ -185,7 +185,7 @@ def test_memory_does_not_grow_with_the_file(probe_release, server, workspace):
     with open(remote, "wb") as file:
         file.truncate(300 * MIB)
     os.chmod(remote, 0o644)
-    run = probe_release.run(server, get("/dev/null", remote))
+    run = probe_release.run(server, get_stream(remote, out="/dev/null"))
     assert run.statuses == [0]
     assert 0 < run.peak_kib < 32 * 1024
 
