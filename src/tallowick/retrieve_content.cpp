@@ -25,6 +25,14 @@ namespace {
 
 constexpr const char* kSourceName = "./actions";
 
+std::unique_ptr<AgentFileList> readList(const std::string& text) {
+    try {
+        return getFileList(text);
+    } catch (const boost::bad_lexical_cast&) {
+        throw KORVA_EXC(CantRetrieveContentList) % "the size of a file is not a number of bytes";
+    }
+}
+
 std::int64_t totalOf(const AgentFileList& list) {
     for (const DumpFile& file : list.getFileList()) {
         if (file.size < 0) {
@@ -101,12 +109,10 @@ std::unique_ptr<AgentFileList> RetrieveContentAction::requestList() {
         throw KORVA_EXC(CantRetrieveContentList) % err.str();
     }
     try {
-        return getFileList(out.str());
-    } catch (const boost::bad_lexical_cast&) {
-        throw KORVA_EXC(CantRetrieveContentList) % "the size of a file is not a number of bytes";
-    } catch (const ExTraceable&) {
-        std::ignore = getFileList(getSsh()->secrets().mask(out.str()));  // the error quotes what was parsed
-        throw;
+        return readList(out.str());
+    } catch (const ExTraceable&) {  // it quotes the text
+        std::ignore = readList(getSsh()->secrets().mask(out.str()));
+        throw KORVA_EXC(CantRetrieveContentList) % "the list is not well-formed";
     }
 }
 
