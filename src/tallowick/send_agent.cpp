@@ -64,7 +64,7 @@ bool SendAgentAction::sendFile(const fs::path& root, const fs::path& localPath,
         getSsh()->put(localPath.string(), remotePath);
         return true;
     }
-    if (localPath.parent_path() == root && localPath.filename() == "control") {
+    if (localPath == root / "control") {
         return false;  // the agent's own description, for this host only
     }
     category().infoStream() << "remote mkdir " << remotePath;
