@@ -2,6 +2,7 @@
 #include "fakes/fake_ssh.h"
 
 #include "commons/socket.h"
+#include "commons/stream_errors.h"
 #include "ssh/libssh2pp.h"
 
 #include <cstdio>
@@ -45,11 +46,18 @@ std::vector<std::string> FakeSsh::lines() const {
     return all;
 }
 
-int FakeSsh::run(const Command& command, std::ostream& out, std::ostream& err) {
+int FakeSsh::run(const Command& command, std::ostream& out, std::ostream& err, Ssh::Counter& counter) {
+    constexpr std::size_t kPieceSize = 65536;
     commands.push_back(command);
     const FakeResult result = results[command.line];
     result.meanwhile();
-    out << result.out;
+    for (std::size_t offset = 0; offset < result.out.size(); offset += kPieceSize) {
+        const std::string piece = result.out.substr(offset, kPieceSize);
+        counter(static_cast<int>(piece.size()));
+        if (!(out << piece)) {
+            throw Exc<&StreamWrite>("context", "file", 1);
+        }
+    }
     err << result.err;
     return result.status;
 }
@@ -74,8 +82,8 @@ Ssh::~Ssh() {
 }
 
 int Ssh::exec(const std::string& command, std::istream& in, std::ostream& out, std::ostream& err,
-              bool quietOutput, bool quietInput, Counter& /*counter*/) {
-    return fake().run({command, readAll(in), quietOutput, quietInput}, out, err);
+              bool quietOutput, bool quietInput, Counter& counter) {
+    return fake().run({command, readAll(in), quietOutput, quietInput}, out, err, counter);
 }
 
 int Ssh::exec(const std::string& command, std::ostream& out, std::ostream& err, bool quietOutput,
@@ -84,19 +92,31 @@ int Ssh::exec(const std::string& command, std::ostream& out, std::ostream& err, 
     return exec(command, noInput, out, err, quietOutput, false, counter);
 }
 
-int Ssh::get(std::ostream& out, std::ostream& err, const std::string& remotePath, Counter& /*counter*/) {
-    return fake().run({"get " + remotePath, "", true, true}, out, err);
+int Ssh::get(std::ostream& out, std::ostream& err, const std::string& remotePath, Counter& counter) {
+    const int status = fake().run({"get " + remotePath, "", true, true}, out, err, counter);
+    if (status == 0 && !out.flush()) {
+        throw Exc<&StreamWrite>("context", "file", 1);
+    }
+    return status;
 }
 
 int Ssh::get(const std::string& localPath, const std::string& remotePath) {
     std::ofstream file(localPath, std::ios::trunc);
     std::ostringstream err;
-    const int status = fake().run({"get " + remotePath + " " + localPath, "", true, true}, file, err);
+    const int status =
+        fake().run({"get " + remotePath + " " + localPath, "", true, true}, file, err, null_counter);
     file.close();
     if (status != 0) {
         std::remove(localPath.c_str());
     }
     return status;
+}
+
+void Ssh::put(const std::string& localPath, const std::string& remotePath) {
+    std::ifstream file(localPath);
+    std::ostringstream discarded;
+    fake().run({"put " + remotePath + " " + localPath, readAll(file), true, true}, discarded, discarded,
+               null_counter);
 }
 
 void Ssh::serveAlarm() {

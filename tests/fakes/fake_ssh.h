@@ -42,7 +42,8 @@ class FakeSsh {
     FakeSsh& operator=(const FakeSsh&) = delete;
     ~FakeSsh();
 
-    /// The command lines in their order; a download is "get REMOTE" or "get REMOTE LOCAL".
+    /// The command lines in their order; a download is "get REMOTE" or "get REMOTE LOCAL", an upload "put
+    /// REMOTE LOCAL" with the local file as its input.
     std::vector<std::string> lines() const;
 
     // The script.
@@ -55,7 +56,7 @@ class FakeSsh {
     Ssh* open = nullptr;  ///< the present connection
 
     // For the functions that stand in.
-    int run(const Command& command, std::ostream& out, std::ostream& err);
+    int run(const Command& command, std::ostream& out, std::ostream& err, Ssh::Counter& counter);
 };
 
 }  // namespace korva::test

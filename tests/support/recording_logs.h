@@ -20,12 +20,16 @@ class RecordingDebugLog : public DebugLog {
 
     void log(const std::string& text) override { texts.push_back(text); }
     void log(const boost::format& text) override { texts.push_back(text.str()); }
-    void log(const ExTraceable& error) override { errors.emplace_back(error.what()); }
+    void log(const ExTraceable& error) override {
+        errors.emplace_back(error.what());
+        severities.push_back(error.severity());
+    }
     bool isVerboseMode() const override { return false; }
     bool isDebugMode() const override { return false; }
 
     std::vector<std::string> texts;
     std::vector<std::string> errors;
+    std::vector<int> severities;  ///< of the errors
 };
 
 }  // namespace korva::test

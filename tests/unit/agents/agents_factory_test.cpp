@@ -14,6 +14,7 @@
 #include <algorithm>
 #include <filesystem>
 #include <string>
+#include <vector>
 
 namespace korva {
 namespace {
@@ -97,6 +98,21 @@ TEST_F(AgentsFactoryTest, TellsOfASpecFileThatIsMissingOrADirectory) {
                     ElementsAre(debugRecord("k.AgentsFactory", std::string("Parsing ") + name),
                                 errorRecord("k.AgentsFactory", specOf(name) + " is not a regular file")));
     }
+}
+
+TEST_F(AgentsFactoryTest, WaitsForNobodyAtAFifoInPlaceOfASpecFile) {
+    fs::create_directories(agentsDir + "/fifo/control");
+    ASSERT_EQ(0, ::mkfifo(specOf("fifo").c_str(), 0600));
+    expectNotFound("fifo");
+    EXPECT_EQ(specOf("fifo") + " is not a regular file", log.messages("k.AgentsFactory").back());
+}
+
+TEST_F(AgentsFactoryTest, FollowsALinkToASpecFile) {
+    makeAgent("sample", "");
+    fs::remove(specOf("sample"));
+    writeFile(agentsDir + "/spec", "EntryPoint: run.pl\n");
+    fs::create_symlink(agentsDir + "/spec", specOf("sample"));
+    EXPECT_EQ("run.pl", factory.getAgent("sample")->entryPoint());
 }
 
 TEST_F(AgentsFactoryTest, TellsWhatIsWrongWithASpecFileAndDoesNotFindItsAgent) {

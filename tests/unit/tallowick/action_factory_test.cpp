@@ -2,6 +2,9 @@
 #include "tallowick/action_factory.h"
 
 #include "support/files.h"
+#include "tallowick/retrieve_content.h"
+#include "tallowick/retrieve_dump.h"
+#include "tallowick/send_agent.h"
 #include "unit/tallowick/action_fixture.h"
 
 #include <gmock/gmock.h>
@@ -14,7 +17,6 @@ namespace korva {
 namespace {
 
 using testing::IsEmpty;
-using testing::Not;
 
 class ActionFactory : public test::ActionFixture {
   protected:
@@ -30,13 +32,17 @@ class ActionFactory : public test::ActionFixture {
 
 TEST_F(ActionFactory, MakesTheActionOfEachIdentifier) {
     expectAction<SendScoutAction>(0, true);
+    expectAction<SendAgentAction>(1, true);
     expectAction<GetDumpingStatusAction>(2, true);
+    expectAction<RetrieveDumpAction>(3, true);
+    expectAction<RetrieveDumpAction>(4, true);
+    expectAction<RetrieveContentAction>(5, true);
     expectAction<RemoveAgentAction>(6, false);
     expectAction<RemoveDumpingStatusAction>(7, true);
 }
 
 TEST_F(ActionFactory, RejectsEveryOtherIdentifier) {
-    for (const std::int32_t id : {-2, -1, 1, 3, 4, 5, 8, 9, 1000}) {
+    for (const std::int32_t id : {-2, -1, 8, 9, 1000}) {
         cfg.action = id;
         try {
             getActionById(cfg);
@@ -46,6 +52,13 @@ TEST_F(ActionFactory, RejectsEveryOtherIdentifier) {
                          error.what());
         }
     }
+    EXPECT_THAT(status.calls, IsEmpty());
+}
+
+TEST_F(ActionFactory, ReadsTheSelectionBeforeThereIsAnAction) {
+    cfg.action = 3;
+    cfg.selected_objects_file = dir / "no such file";
+    EXPECT_THROW(getActionById(cfg), Exc<&tError_WrongInputFile>);
     EXPECT_THAT(status.calls, IsEmpty());
 }
 

@@ -1,0 +1,103 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "tallowick/name_record.h"
+
+#include "fakes/fake_fsync.h"
+#include "support/file_size_limit.h"
+#include "support/files.h"
+#include "support/temp_dir.h"
+#include "support/thrown_errors.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <sys/stat.h>
+
+#include <cerrno>
+#include <filesystem>
+#include <string>
+
+namespace korva {
+namespace {
+
+namespace fs = std::filesystem;
+
+using test::errorsOf;
+using test::FakeFsync;
+using test::FileSizeLimit;
+using test::isError;
+using test::readFile;
+using test::TempDir;
+using test::writeFile;
+using testing::AllOf;
+using testing::ElementsAre;
+using testing::EndsWith;
+using testing::StartsWith;
+
+class NameRecord : public testing::Test {
+  protected:
+    /// Expects that the record cannot be written for a reason that ends so.
+    void expectFailure(const std::string& reason) const {
+        EXPECT_THAT(errorsOf([this] { writeNameRecord(path, "the name"); }),
+                    ElementsAre(isError("FileWrite", AllOf(StartsWith("Error during " + path + " write: "),
+                                                           EndsWith(reason)))));
+    }
+
+    TempDir dir;
+    const std::string path = dir / "dump-name";
+};
+
+TEST_F(NameRecord, HoldsTheNameAndNothingElse) {
+    writeNameRecord(path, "/session/dump.xml");
+    EXPECT_EQ("/session/dump.xml", readFile(path));
+}
+
+TEST_F(NameRecord, IsReplacedWhole) {
+    writeFile(path, "something much longer than the name");
+    writeNameRecord(path, "/new");
+    EXPECT_EQ("/new", readFile(path));
+}
+
+TEST_F(NameRecord, IsFlushedToTheDiskWithItsDirectory) {
+    FakeFsync fsync;
+    fsync.onFlush = [this](const std::string&) { EXPECT_EQ("the name", readFile(path)); };
+    writeNameRecord(path, "the name");
+    EXPECT_THAT(FakeFsync::flushed(), ElementsAre(path, dir.path()));
+}
+
+TEST_F(NameRecord, FailsWhenItCannotBeFlushed) {
+    const FakeFsync fsync(EIO);
+    expectFailure("Input/output error");
+}
+
+TEST_F(NameRecord, FailsWhereNoFileCanBe) {
+    fs::create_directory(path);
+    expectFailure("iostream error");
+}
+
+TEST_F(NameRecord, FailsOnAFullDisk) {
+    const FileSizeLimit disk(4);
+    expectFailure("iostream error");
+}
+
+TEST_F(NameRecord, IsWrittenThroughNoLink) {
+    writeFile(dir / "target", "old");
+    fs::create_symlink("target", path);
+    expectFailure("iostream error");
+    EXPECT_EQ("old", readFile(dir / "target"));
+    EXPECT_TRUE(fs::is_symlink(path));
+}
+
+TEST_F(NameRecord, WaitsForNobodyAtAFifo) {
+    ASSERT_EQ(0, ::mkfifo(path.c_str(), 0600));
+    expectFailure("iostream error");
+    EXPECT_TRUE(fs::is_fifo(path));
+}
+
+TEST_F(NameRecord, TellsWhichComponentHasFailed) {
+    const auto errors = errorsOf([this] { writeNameRecord(dir / "no/such/directory", "the name"); });
+    ASSERT_EQ(1U, errors.size());
+    EXPECT_EQ("./actions", errors[0].file);
+}
+
+}  // namespace
+}  // namespace korva
