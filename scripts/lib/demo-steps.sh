@@ -201,7 +201,7 @@ inspect_states() {
     local states
     states=$(sort -u "$place/states" | wc -l)
     [ "$states" -eq ${#held_at[@]} ] || { echo "$states refreshes instead of ${#held_at[@]}"; return 1; }
-    echo "while the dump was made, and held until each copy came, dumping-status.xml in the session directory said"
+    echo "dumping-status.xml changed in the session directory, the dump being held until each copy came:"
     sed 's/^/    /' "$place/states"
 }
 
