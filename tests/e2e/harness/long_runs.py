@@ -30,8 +30,9 @@ _HANGS_AFTER_S = 400
 
 # Replaces its status as a whole twice a second; what it says besides must come through.
 _DUMP_FOR = """
-my $end = time + %d;
-for (my $step = 1; time < $end; ++$step) {
+use Time::HiRes;
+my $end = Time::HiRes::time() + %d;
+for (my $step = 1; Time::HiRes::time() < $end; ++$step) {
     open my $status, '>', "$FindBin::Bin/new" or die $!;
     print {$status} '<dumping-status>', $step, '<!--', 'x' x 50_000, '--></dumping-status>';
     close $status or die $!;
