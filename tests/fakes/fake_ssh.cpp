@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "fakes/fake_ssh.h"
 
+#include "commons/output_file.h"
 #include "commons/socket.h"
 #include "commons/stream_errors.h"
 #include "ssh/libssh2pp.h"
@@ -101,12 +102,13 @@ int Ssh::get(std::ostream& out, std::ostream& err, const std::string& remotePath
 }
 
 int Ssh::get(const std::string& localPath, const std::string& remotePath) {
-    std::ofstream file(localPath, std::ios::trunc);
+    OutputFile file(localPath);
     std::ostringstream err;
     const int status =
         fake().run({"get " + remotePath + " " + localPath, "", true, true}, file, err, null_counter);
-    file.close();
-    if (status != 0) {
+    if (status == 0) {
+        file.close();
+    } else if (file.isOpen()) {
         std::remove(localPath.c_str());
     }
     return status;

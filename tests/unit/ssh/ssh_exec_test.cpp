@@ -9,6 +9,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <csignal>
 #include <sstream>
 #include <stdexcept>
 #include <string>
@@ -235,6 +236,24 @@ TEST_F(SshExec, HoldsTicksBackInEveryCallOfTheLibrary) {
     script.reads[0] = {FakeRead::nothingYet(), {"x"}};
     script.writes = {LIBSSH2_ERROR_EAGAIN, LIBSSH2_ERROR_EAGAIN, LIBSSH2_ERROR_EAGAIN, LIBSSH2_ERROR_EAGAIN};
     EXPECT_EQ(0, exec("input"));
+}
+
+TEST_F(SshExec, LetsATickInUnderACommandWhoseOutputNeverPauses) {
+    static volatile std::sig_atomic_t ticks;
+    ticks = 0;
+    void (*const handlerBefore)(int) = std::signal(SIGALRM, [](int) { ticks = ticks + 1; });
+    script.reads[0] = {{"first"}, {"second"}, {"third"}};
+    std::vector<int> ticksAtRead;
+    fake().onCall = [&](const std::string& call) {
+        if (call.starts_with("read 0")) {
+            ticksAtRead.push_back(int{ticks});
+            raise(SIGALRM);
+        }
+    };
+    exec();
+    std::signal(SIGALRM, handlerBefore);
+    EXPECT_THAT(waits().waits, IsEmpty());
+    EXPECT_THAT(ticksAtRead, ElementsAre(0, 1, 2));
 }
 
 TEST_F(SshExec, NeitherHangsNorLosesInputWhenTheCommandWritesMoreThanItReads) {
