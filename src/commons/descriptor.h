@@ -3,6 +3,7 @@
 
 #include <unistd.h>
 
+#include <cerrno>
 #include <utility>
 
 namespace korva {
@@ -18,11 +19,16 @@ class Descriptor {
     }
     Descriptor(const Descriptor&) = delete;
     Descriptor& operator=(const Descriptor&) = delete;
-    ~Descriptor() { close(); }
+    ~Descriptor() {
+        if (fd_ >= 0) {
+            close();
+        }
+    }
 
     int fd() const { return fd_; }
-    /// False when there was nothing to close, or the system reports a late failure to write.
-    bool close() { return fd_ >= 0 && ::close(std::exchange(fd_, -1)) == 0; }
+    /// False with errno set when there was nothing to close, or the system reports a late failure to write.
+    /// An interruption is none: the descriptor is gone then, too.
+    bool close() { return ::close(std::exchange(fd_, -1)) == 0 || errno == EINTR; }
 
   private:
     int fd_;

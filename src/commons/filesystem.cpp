@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "commons/filesystem.h"
 
+#include "commons/descriptor.h"
 #include "commons/handle.h"
 #include "commons/product_paths.h"
 #include "commons/system_error.h"
@@ -51,16 +52,7 @@ void syncPath(const std::string& path, int flags) {
         const int error = errno;
         throwSystemError("Cannot open " + path, error);
     }
-    int result = 0;
-    do {
-        result = ::fsync(fd);
-    } while (result == -1 && errno == EINTR);
-    const int error = errno;
-    ::close(fd);
-    // EINVAL: the file system has no fsync for this, so there is nothing to wait for.
-    if (result == -1 && error != EINVAL) {
-        throwSystemError("Cannot flush " + path, error);
-    }
+    syncDescriptor(Descriptor(fd).fd(), path);
 }
 
 }  // namespace
@@ -111,6 +103,18 @@ std::uint64_t getFreeSpace(const std::string& path) {
         throw KORVA_EXC(CantStatFS) % path % std::strerror(error);
     }
     return statistics.f_bavail * static_cast<std::uint64_t>(statistics.f_bsize);
+}
+
+void syncDescriptor(int fd, const std::string& name) {
+    int result = 0;
+    do {
+        result = ::fsync(fd);
+    } while (result == -1 && errno == EINTR);
+    // EINVAL: the file system has no fsync for this, so there is nothing to wait for.
+    if (result == -1 && errno != EINVAL) {
+        const int error = errno;
+        throwSystemError("Cannot flush " + name, error);
+    }
 }
 
 void syncFile(const std::string& path) {

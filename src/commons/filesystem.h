@@ -33,6 +33,9 @@ std::uint64_t getFreeSpace(const std::string& path);
 /// Returns when the content of a finished file is on the disk. Throws SystemError.
 void syncFile(const std::string& path);
 
+/// Returns when what is open as `fd` is on the disk; `name` is for messages. Throws SystemError.
+void syncDescriptor(int fd, const std::string& name);
+
 /// Returns when the entry of `path` in its directory is on the disk. Throws SystemError.
 void syncDirectoryOf(const std::string& path);
 

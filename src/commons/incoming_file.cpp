@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "commons/incoming_file.h"
 
+#include "commons/filesystem.h"
 #include "commons/handle.h"
 #include "commons/regular_file.h"
 #include "commons/stream_errors.h"
@@ -14,8 +15,9 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <cctype>
 #include <cerrno>
-#include <cstdio>
 #include <tuple>
 #include <utility>
 #include <vector>
@@ -34,12 +36,27 @@ std::string newTemporaryName() {
     return std::string(kTemporaryPrefix) + std::to_string(getpid()) + "-" + newUUID().substr(0, kUuidLength);
 }
 
+bool isUuid(std::string_view text) {
+    constexpr std::string_view kShape = "xxxxxxxx-xxxx-xxxx-xxxx-xxxxxxxxxxxx";
+    return std::equal(text.begin(), text.end(), kShape.begin(), kShape.end(), [](char c, char shape) {
+        return shape == '-' ? c == '-' : std::isxdigit(static_cast<unsigned char>(c)) != 0;
+    });
+}
+
+int lock(int fd, int operation) {
+    int result = 0;
+    do {
+        result = flock(fd, operation);
+    } while (result != 0 && errno == EINTR);
+    return result;
+}
+
 // A file that is being received is locked. Before it is, another run may have taken it for an abandoned one.
 int createLocked(int directory, const std::string& name) {
     for (;;) {
         const int fd = openRegularFile(directory, name, O_WRONLY | O_CREAT | O_EXCL);
         struct stat status {};
-        if (fd < 0 || flock(fd, LOCK_EX) != 0 || fstat(fd, &status) != 0 || status.st_nlink > 0) {
+        if (fd < 0 || lock(fd, LOCK_EX) != 0 || fstat(fd, &status) != 0 || status.st_nlink > 0) {
             return fd;
         }
         ::close(fd);
@@ -48,7 +65,7 @@ int createLocked(int directory, const std::string& name) {
 
 void removeIfAbandoned(const Descriptor& directory, const std::string& name) {
     const Descriptor file(openRegularFile(directory.fd(), name, O_RDONLY));
-    if (file.fd() >= 0 && flock(file.fd(), LOCK_EX | LOCK_NB) == 0) {
+    if (file.fd() >= 0 && lock(file.fd(), LOCK_EX | LOCK_NB) == 0) {
         std::ignore = unlinkat(directory.fd(), name.c_str(), 0);  // a later run may do better
     }
 }
@@ -59,7 +76,12 @@ std::vector<std::string> temporaryNamesIn(const Descriptor& directory) {
     if (fd < 0) {
         return names;
     }
-    const Handle<DIR*, &closedir> listing(fdopendir(fd));
+    DIR* const opened = fdopendir(fd);
+    if (opened == nullptr) {
+        ::close(fd);
+        return names;
+    }
+    const Handle<DIR*, &closedir> listing(opened);
     while (const dirent* entry = readdir(listing.get())) {
         if (IncomingFile::isTemporaryName(entry->d_name)) {
             names.emplace_back(entry->d_name);
@@ -99,7 +121,8 @@ IncomingFile::IncomingFile(const Descriptor& directory, std::string finalName)
       stream_(nullptr) {
     requireRegularFileOrNothing(directory_, finalName_);
     const UmaskScope umask(kPublicUmask);
-    buffer_ = std::make_unique<Buffer>(createLocked(directory_.fd(), temporaryName_));
+    const int fd = createLocked(directory_.fd(), temporaryName_);
+    buffer_ = std::make_unique<Buffer>(fd, temporaryName_);
     lock_ = Descriptor(fcntl(buffer_->fd(), F_DUPFD_CLOEXEC, 0));
     stream_.rdbuf(buffer_.get());
     if (buffer_->fd() < 0) {
@@ -127,6 +150,13 @@ void IncomingFile::install() {
     temporaryName_.clear();
 }
 
+void IncomingFile::installFlushed() {
+    // Before the rename, or a power failure could leave an empty file under the name.
+    syncDescriptor(lock_.fd(), temporaryName_);
+    install();
+    syncDescriptor(directory_.fd(), "the directory of " + finalName_);
+}
+
 bool IncomingFile::isTemporaryName(std::string_view name) {
     if (!name.starts_with(kTemporaryPrefix)) {
         return false;
@@ -134,7 +164,7 @@ bool IncomingFile::isTemporaryName(std::string_view name) {
     name.remove_prefix(kTemporaryPrefix.size());
     const std::size_t digits = name.find_first_not_of("0123456789");
     return digits != std::string_view::npos && digits > 0 && name[digits] == '-' &&
-           name.size() == digits + 1 + kUuidLength;
+           isUuid(name.substr(digits + 1));
 }
 
 void IncomingFile::removeAbandoned(const Descriptor& directory) {

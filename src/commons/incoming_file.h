@@ -33,6 +33,8 @@ class IncomingFile {
 
     /// Replaces what has the final name. After close(). Throws SystemError.
     void install();
+    /// The same; when it returns, the file is on the disk under its final name.
+    void installFlushed();
 
     /// Bytes received.
     std::int64_t size() const { return buffer_->size(); }

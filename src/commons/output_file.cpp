@@ -5,11 +5,15 @@
 #include "commons/stream_errors.h"
 #include "utils/accounts.h"
 
+#include <log4cpp/Category.hh>
+
 #include <fcntl.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstring>
 #include <tuple>
+#include <utility>
 
 namespace korva {
 namespace {
@@ -17,6 +21,27 @@ namespace {
 constexpr const char* kSourceName = "./output_file";
 
 }  // namespace
+
+DescriptorBuffer::DescriptorBuffer(int fd, std::string name) : fd_(fd), name_(std::move(name)) {
+    if (fd < 0) {
+        fail();
+    }
+}
+
+bool DescriptorBuffer::close() {
+    if (fd() >= 0 && !fd_.close()) {
+        fail();
+    }
+    return error_ == 0;
+}
+
+void DescriptorBuffer::fail() {
+    if (error_ == 0) {
+        error_ = errno;
+        log4cpp::Category::getInstance("k.OutputFile").errorStream()
+            << "Cannot write to " << name_ << ": " << std::strerror(error_);
+    }
+}
 
 DescriptorBuffer::int_type DescriptorBuffer::overflow(int_type c) {
     const char byte = traits_type::to_char_type(c);
@@ -32,6 +57,7 @@ std::streamsize DescriptorBuffer::xsputn(const char* data, std::streamsize size)
             continue;
         }
         if (written <= 0) {
+            fail();
             break;
         }
         done += written;
@@ -40,7 +66,7 @@ std::streamsize DescriptorBuffer::xsputn(const char* data, std::streamsize size)
 }
 
 OutputFile::OutputFile(const std::string& path)
-    : std::ostream(nullptr), buffer_(openRegularFile(AT_FDCWD, path, O_WRONLY | O_CREAT | O_TRUNC)) {
+    : std::ostream(nullptr), buffer_(openRegularFile(AT_FDCWD, path, O_WRONLY | O_CREAT | O_TRUNC), path) {
     rdbuf(&buffer_);
     if (!isOpen()) {
         setstate(failbit);
@@ -51,6 +77,10 @@ void OutputFile::close() {
     if (!buffer_.close() || !*this) {
         throw KORVA_EXC(StreamWrite);
     }
+}
+
+std::string OutputFile::failure() const {
+    return std::strerror(buffer_.error());
 }
 
 void OutputFile::giveTo(const std::string& user) {

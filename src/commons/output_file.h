@@ -9,20 +9,28 @@
 
 namespace korva {
 
-/// Writes straight to a descriptor, which it owns. After a failure nothing more is written.
+/// Writes straight to a descriptor, which it owns. The reason of the first failure is kept, and told in the
+/// log.
 class DescriptorBuffer : public std::streambuf {
   public:
-    explicit DescriptorBuffer(int fd) : fd_(fd) {}
+    /// Takes the result of open(2), with errno as it left it; `name` is for the log.
+    DescriptorBuffer(int fd, std::string name);
     int fd() const { return fd_.fd(); }
-    /// False when the descriptor was never open, or its last bytes could not be written.
-    bool close() { return fd_.close(); }
+    /// False when the descriptor was never open, or bytes could not be written.
+    bool close();
+    /// The errno value of the first failure; 0 for none.
+    int error() const { return error_; }
 
   protected:
     int_type overflow(int_type c) override;
     std::streamsize xsputn(const char* data, std::streamsize size) override;
 
   private:
+    void fail();
+
     Descriptor fd_;
+    std::string name_;
+    int error_ = 0;
 };
 
 /// A local file that is written from its beginning. A symbolic link in its place is not followed, and what is
@@ -40,6 +48,9 @@ class OutputFile : public std::ostream {
 
     /// Throws StreamWrite when the file could not be opened or written whole.
     void close();
+
+    /// Why it could not, in the system's words.
+    std::string failure() const;
 
   private:
     DescriptorBuffer buffer_;

@@ -2,7 +2,6 @@
 #include "commons/regular_file.h"
 
 #include "commons/checksum.h"
-#include "commons/descriptor.h"
 #include "commons/system_error.h"
 
 #include <fcntl.h>
@@ -15,14 +14,17 @@
 namespace korva {
 namespace {
 
-/// Gives the bytes of `fd` to `sink`; false with errno set when they cannot all be read.
+/// Gives the bytes of `fd` to `sink`, until that returns false; false with errno set when they cannot be
+/// read.
 template <typename Sink>
 bool readAll(int fd, Sink sink) {
     std::array<char, 65536> buffer;
     for (;;) {
         const ssize_t size = ::read(fd, buffer.data(), buffer.size());
         if (size > 0) {
-            sink(buffer.data(), static_cast<std::size_t>(size));
+            if (!sink(buffer.data(), static_cast<std::size_t>(size))) {
+                return true;
+            }
         } else if (size == 0) {
             return true;
         } else if (errno != EINTR) {
@@ -33,6 +35,14 @@ bool readAll(int fd, Sink sink) {
 
 }  // namespace
 
+Descriptor openDirectory(const std::string& path) {
+    Descriptor directory(open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (directory.fd() < 0) {
+        throwSystemError(path, errno);
+    }
+    return directory;
+}
+
 int openRegularFile(int directory, const std::string& name, int flags) {
     constexpr mode_t kReadableForAll = 0666;  // less the umask
     // Without O_NONBLOCK the opening of a FIFO waits for its other end; for a regular file it means nothing.
@@ -41,7 +51,7 @@ int openRegularFile(int directory, const std::string& name, int flags) {
     struct stat status {};
     if (fd >= 0 && (fstat(fd, &status) != 0 || !S_ISREG(status.st_mode))) {
         ::close(fd);
-        errno = EINVAL;
+        errno = S_ISDIR(status.st_mode) ? EISDIR : EOPNOTSUPP;
         return -1;
     }
     return fd;
@@ -54,6 +64,7 @@ std::optional<FileSum> sumRegularFile(int directory, const std::string& name) {
     const bool whole = file.fd() >= 0 && readAll(file.fd(), [&](const char* data, std::size_t count) {
                            md5.update(data, count);
                            size += static_cast<std::int64_t>(count);
+                           return true;
                        });
     return whole ? std::optional<FileSum>({md5.hexDigest(), size}) : std::nullopt;
 }
@@ -61,7 +72,7 @@ std::optional<FileSum> sumRegularFile(int directory, const std::string& name) {
 void copyRegularFile(const std::string& path, std::ostream& to) {
     const Descriptor file(openRegularFile(AT_FDCWD, path, O_RDONLY));
     const bool whole = file.fd() >= 0 && readAll(file.fd(), [&](const char* data, std::size_t count) {
-                           to.write(data, static_cast<std::streamsize>(count));
+                           return static_cast<bool>(to.write(data, static_cast<std::streamsize>(count)));
                        });
     if (!whole) {
         throwSystemError(path, errno);

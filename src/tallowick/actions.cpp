@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "tallowick/actions.h"
 
+#include "commons/bounded_text.h"
+#include "commons/discard_stream.h"
 #include "commons/filesystem.h"
 #include "commons/output_file.h"
 #include "commons/product_paths.h"
@@ -144,8 +146,8 @@ void Action::checkSudoPresence() {
 // "sudo -V" succeeds wherever sudo exists.
 void Action::requireSudoCommand() {
     const std::string command = "sudo -V";
-    std::ostringstream out;
-    std::ostringstream err;
+    DiscardStream out;
+    BoundedText err;
     if (getSsh()->exec(command, out, err, false, Ssh::null_counter) != 0) {
         throw KORVA_EXC(SshCommandNotFound) % command;
     }
@@ -154,8 +156,8 @@ void Action::requireSudoCommand() {
 void Action::requireSudoRights() {
     const std::string command = std::string(kSudoPrefix) + "true";
     std::istringstream password(cfg().sudo_password);
-    std::ostringstream out;
-    std::ostringstream err;
+    DiscardStream out;
+    BoundedText err;
     const int status = getSsh()->exec(command, password, out, err, false, false, Ssh::null_counter);
     if (status != 0) {
         throw KORVA_EXC(SshUnknown) % command % status;
@@ -167,8 +169,8 @@ void Action::takeFile(const std::string& remotePath) {
         return;
     }
     checkSudoPresence();
-    std::ostringstream out;
-    std::ostringstream err;
+    DiscardStream out;
+    BoundedText err;
     const std::string chown = (ArgsBuilder("chown") << cfg().login << remotePath).str();
     if (execRoot(chown, out, err, false) != 0) {
         throw KORVA_EXC(CantTakeFileOwnership) % remotePath % err.str();
@@ -225,7 +227,7 @@ void SendScoutAction::execute() {
         throw KORVA_EXC(UnableToOpenScoutFile);
     }
     OutputFile report(theSession->getScoutResultFileName());
-    std::ostringstream err;
+    BoundedText err;
     const int exitCode = execRoot("perl", scout, report, err, false, true);
     report.close();
     if (exitCode != 0) {
@@ -242,7 +244,7 @@ void GetDumpingStatusAction::execute() {
         status().saveFile();
         const std::string remotePath = dumpingStatusPath();
         takeFile(remotePath);
-        std::ostringstream err;
+        BoundedText err;
         if (getSsh()->get(std::cout, err, remotePath, Ssh::null_counter) != 0) {
             // Nothing to print yet; the reason is for support.
             theDebugLog->log("Dumping status was not read: " + err.str());
@@ -254,8 +256,8 @@ void GetDumpingStatusAction::execute() {
 
 void RemoveAgentAction::execute() {
     try {
-        std::ostringstream out;
-        std::ostringstream err;
+        DiscardStream out;
+        BoundedText err;
         // It runs inside the directory that it removes.
         execRoot((ArgsBuilder("rm") << "-rf" << cfg().agent_dir).str(), out, err, false);
     } catch (const ExTraceable& e) {  // the manager goes on without a tidy source host

@@ -3,6 +3,8 @@
 
 #include "commons/filesystem.h"
 #include "commons/output_file.h"
+#include "commons/stream_errors.h"
+#include "commons/system_error.h"
 
 namespace korva {
 namespace {
@@ -12,13 +14,14 @@ constexpr const char* kSourceName = "./actions";
 }  // namespace
 
 void writeNameRecord(const std::string& path, const std::string& name) {
+    OutputFile record(path);
+    record << name;
     try {
-        OutputFile record(path);
-        record.exceptions(std::ios::badbit | std::ios::failbit);
-        record << name;
         record.close();
         syncFileAndDirectory(path);
-    } catch (const std::exception& e) {
+    } catch (const Exc<&StreamWrite>&) {  // it does not say why
+        throw KORVA_EXC(FileWrite) % path % record.failure();
+    } catch (const SystemError& e) {
         throw KORVA_EXC(FileWrite) % path % e.what();
     }
 }

@@ -2,12 +2,14 @@
 #include "tallowick/retrieve_dump.h"
 
 #include "agents/agent_spec.h"
+#include "commons/bounded_text.h"
+#include "commons/discard_stream.h"
 #include "commons/incoming_file.h"
+#include "commons/regular_file.h"
 #include "commons/session.h"
 #include "commons/stream_errors.h"
 #include "commons/system_error.h"
 #include "tallowick/args_builder.h"
-#include "tallowick/content_target.h"
 #include "tallowick/name_record.h"
 #include "tallowick/retrieval_errors.h"
 #include "tallowick/status_refresh.h"
@@ -56,8 +58,8 @@ std::string RetrieveDumpAction::dumperCommand() const {
 void RetrieveDumpAction::runDumper() {
     const std::string command = dumperCommand();
     std::istringstream lists(input_.stdinText);
-    std::ostringstream out;
-    std::ostringstream err;
+    DiscardStream out;
+    BoundedText err;
     const StatusRefreshScope refresh(*this);
     const int exitCode = input_.stdinText.empty() ? execRoot(command, out, err, false)
                                                   : execRoot(command, lists, out, err, false, false);
@@ -70,13 +72,13 @@ void RetrieveDumpAction::fetchDump(const std::string& remoteDump) try {
     const Descriptor session = openDirectory(theSession->getDir());
     IncomingFile::removeAbandoned(session);
     IncomingFile dump(session, "dump.xml");
-    std::ostringstream err;
+    BoundedText err;
     const int exitCode = getSsh()->get(dump.stream(), err, remoteDump, Ssh::null_counter);
     dump.close();
     if (exitCode != 0) {
         throw KORVA_EXC(CantRetrieveDumpFile) % err.str();
     }
-    dump.install();
+    dump.installFlushed();
 } catch (const SystemError& e) {  // its text is for support; the caller knows of streams
     theDebugLog->log(std::string(e.what()));
     throw KORVA_EXC(StreamWrite);

@@ -294,10 +294,17 @@ def test_dumper_that_says_megabytes_is_no_failure_and_is_logged_whole(tallowick_
         assert "".join(chunk.removeprefix(f"remote {stream} -> ") for chunk in chunks) == LINES
 
 
-def test_standard_error_of_a_failed_dumper_is_told_whole(tallowick_release, server, agent):
+def test_standard_error_of_a_failed_dumper_is_told_whole_up_to_128_kib(tallowick_release, server, agent):
+    agent.on("dump", "print STDERR 'x' x 65536, 'y' x 65536; exit 5;")
+    run = tallowick_release.run("--dump-all", *source(server), *agent.options)
+    assert_failed(run, "CantRetrieveDumpFile", DUMPER_FAILED.format("x" * 65536 + "y" * 65536))
+
+
+def test_of_a_longer_standard_error_both_ends_are_told(tallowick_release, server, agent):
     agent.on("dump", SAY_MUCH + "exit 5;")
     run = tallowick_release.run("--dump-all", *source(server), *agent.options)
-    assert_failed(run, "CantRetrieveDumpFile", DUMPER_FAILED.format(LINES))
+    told = f"{LINES[:65536]}\n[{len(LINES) - 131072} bytes left out]\n{LINES[-65536:]}"
+    assert_failed(run, "CantRetrieveDumpFile", DUMPER_FAILED.format(told))
 
 
 def test_standard_error_that_is_no_text_is_told_as_text(dump, agent):

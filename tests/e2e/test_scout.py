@@ -239,8 +239,8 @@ def test_report_that_cannot_be_opened_is_an_error(tallowick, server):
 
 
 def test_large_standard_error_of_the_scout_is_told_whole(tallowick, product, server):
-    product.set_scout("print STDERR qq(line $_ of many\\n) for 1..20000; exit 1;")
+    product.set_scout("print STDERR qq(line $_ of many\\n) for 1..7000; exit 1;")
     run = tallowick.run("--send-scout", *source(server))
-    expected = "".join(f"line {number} of many\n" for number in range(1, 20001))
+    expected = "".join(f"line {number} of many\n" for number in range(1, 7001))
     assert run.err == FAILED.format(1, expected)
     assert run.session.error().description == FAILED.format(1, expected)

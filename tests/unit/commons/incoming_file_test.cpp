@@ -266,7 +266,8 @@ TEST_F(Incoming, KnowsTheNamesThatNewFilesGet) {
     for (const std::string& other :
          {std::string(), std::string(".incoming-"), ".incoming--" + uuid, ".incoming-1" + uuid,
           ".incoming-1-" + uuid + "x", ".incoming-1-" + uuid.substr(1), ".incoming-x-" + uuid,
-          ".incoming-" + std::string(48, '1'), "x" + name, "incoming-1-" + uuid}) {
+          ".incoming-" + std::string(48, '1'), ".incoming-1-" + std::string(36, 'a'),
+          ".incoming-1-" + uuid.substr(0, 35) + "g", "x" + name, "incoming-1-" + uuid}) {
         EXPECT_FALSE(IncomingFile::isTemporaryName(other)) << other;
     }
 }

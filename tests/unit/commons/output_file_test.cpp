@@ -141,7 +141,8 @@ TEST(DescriptorBuffer, TakesTheEndOfFileForNoByte) {
         using DescriptorBuffer::DescriptorBuffer;
         using DescriptorBuffer::overflow;
     };
-    Open buffer(-1);
+    errno = ENOENT;
+    Open buffer(-1, "a file");
     EXPECT_NE(Open::traits_type::eof(), buffer.overflow(Open::traits_type::eof()));
     EXPECT_EQ(Open::traits_type::eof(), buffer.overflow('x'));
     EXPECT_FALSE(buffer.close());

@@ -83,20 +83,20 @@ TEST_F(RegularFile, IsNoLinkWhereverThatLeads) {
     EXPECT_FALSE(fs::exists(dir / "missing"));
 }
 
-TEST_F(RegularFile, IsNoFifoNeitherWaitedForNorOpened) {
+TEST_F(RegularFile, IsNoFifoWhichIsNotWaitedFor) {
     ASSERT_EQ(0, ::mkfifo((dir / "fifo").c_str(), 0600));
-    EXPECT_EQ(EINVAL, errorOf("fifo", O_RDONLY));
+    EXPECT_EQ(EOPNOTSUPP, errorOf("fifo", O_RDONLY));
     EXPECT_EQ(ENXIO, errorOf("fifo", O_WRONLY | O_CREAT | O_TRUNC));
     const Descriptor reader(::open((dir / "fifo").c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
-    EXPECT_EQ(EINVAL, errorOf("fifo", O_WRONLY | O_CREAT | O_TRUNC));
+    EXPECT_EQ(EOPNOTSUPP, errorOf("fifo", O_WRONLY | O_CREAT | O_TRUNC));
 }
 
 TEST_F(RegularFile, IsNoDirectoryAndNoDevice) {
     fs::create_directory(dir / "directory");
-    EXPECT_EQ(EINVAL, errorOf("directory", O_RDONLY));
+    EXPECT_EQ(EISDIR, errorOf("directory", O_RDONLY));
     EXPECT_EQ(EISDIR, errorOf("directory", O_WRONLY));
-    EXPECT_EQ(EINVAL, errorOf("/dev/null", O_RDONLY));
-    EXPECT_EQ(EINVAL, errorOf("/dev/null", O_WRONLY | O_CREAT | O_TRUNC));
+    EXPECT_EQ(EOPNOTSUPP, errorOf("/dev/null", O_RDONLY));
+    EXPECT_EQ(EOPNOTSUPP, errorOf("/dev/null", O_WRONLY | O_CREAT | O_TRUNC));
 }
 
 TEST_F(RegularFile, TellsWhyItCannotBeOpened) {

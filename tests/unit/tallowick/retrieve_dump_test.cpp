@@ -14,6 +14,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <csignal>
 #include <filesystem>
 #include <optional>
@@ -85,6 +86,27 @@ TEST_F(RetrieveDump, RunsTheDumperFetchesItsDumpAndRecordsTheNameOfThat) {
     EXPECT_EQ(dumpName(), readFile(inSession("dump-name")));
     EXPECT_THAT(sessionFiles(), ElementsAre("dump-name", "dump.xml"));
     EXPECT_THAT(status.calls, ElementsAre("agent params source.example", "agent operation 1", "save"));
+}
+
+TEST_F(RetrieveDump, HasTheDumpOnTheDiskBeforeItsName) {
+    ssh.results[kGet].out = "<dump/>";
+    test::FakeFsync fsync;
+    fsync.onFlush = [this](const std::string& name) {
+        EXPECT_EQ(name.find(".incoming-") == std::string::npos, fs::exists(dumpName())) << name;
+    };
+    action->execute();
+    ASSERT_EQ(4U, test::FakeFsync::flushed().size());
+    EXPECT_THAT(test::FakeFsync::flushed()[0], HasSubstr("/session/.incoming-"));
+    EXPECT_EQ(dir / "session", test::FakeFsync::flushed()[1]);
+    EXPECT_EQ(inSession("dump-name"), test::FakeFsync::flushed()[2]);
+}
+
+TEST_F(RetrieveDump, FailsWhenTheDumpCannotBeFlushed) {
+    ssh.results[kGet].out = "<dump/>";
+    const test::FakeFsync fsync(EIO);
+    EXPECT_THAT(failure(), retrievalFailure(isError("StreamWrite", "Cannot write data to the stream")));
+    EXPECT_FALSE(fs::exists(dumpName()));
+    EXPECT_THAT(debugLog.texts, ElementsAre(HasSubstr("Input/output error")));
 }
 
 TEST_F(RetrieveDump, GivesTheDumperItsArgumentsQuotedAndInTheirOrder) {
