@@ -202,8 +202,9 @@ void Session::create_reserve_channel() {
         socket_, 1000, [this] { return reserveChannel_->requestExec("cat"); }, kMostSleeps);
 }
 
-std::unique_ptr<Channel> Session::openExecChannel(const std::string& command, Channel::Mode mode) {
-    category().debugStream() << "Opening SSH channel for command '" << command << "'";
+std::unique_ptr<Channel> Session::openExecChannel(const std::string& command, const std::string& shownCommand,
+                                                  Channel::Mode mode) {
+    category().debugStream() << "Opening SSH channel for command '" << shownCommand << "'";
     std::unique_ptr<Channel> channel = openSessionChannel();
     channel->setMode(mode);
     const int result = repeatUntilDone(socket_, kWakeUpMs, [&] { return channel->requestExec(command); });

@@ -102,9 +102,11 @@ class Session : public Handle<LIBSSH2_SESSION*, &libssh2_session_free> {
     /// Fills `methods` with the server's authentication methods, empty names included.
     void getAuthMethodsList(const std::string& login, std::vector<std::string>& methods);
 
-    /// Opens a channel and runs `command` on it; null when the server refuses to run it. Throws
-    /// InvalidHandle when the server grants no channel, SshConnectionFault when the connection is lost.
-    std::unique_ptr<Channel> openExecChannel(const std::string& command, Channel::Mode mode);
+    /// Opens a channel and runs `command` on it; null when the server refuses to run it. `shownCommand` is
+    /// what the log tells of it. Throws InvalidHandle when the server grants no channel, SshConnectionFault
+    /// when the connection is lost.
+    std::unique_ptr<Channel> openExecChannel(const std::string& command, const std::string& shownCommand,
+                                             Channel::Mode mode);
 
     /// Answers each prompt with the password that the session's abstract pointer names.
     static LIBSSH2_USERAUTH_KBDINT_RESPONSE_FUNC(userauth_callback);

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "ssh/ssh-transfer.h"
 
+#include "commons/discard_stream.h"
 #include "commons/output_file.h"
 #include "commons/sh_quote.h"
 #include "commons/signal_hold.h"
@@ -27,23 +28,11 @@ constexpr const char* kSourceName = "./ssh-transfer";
 
 constexpr int kStatusOfRefusedCommand = 255;
 
+constexpr const char* kHiddenText = "********";
+
 log4cpp::Category& category() {
     return log4cpp::Category::getInstance("k.Ssh");
 }
-
-/// A stream that takes everything and keeps nothing.
-class DiscardStream : public std::ostream {
-  public:
-    DiscardStream() : std::ostream(&buffer_) {}
-
-  private:
-    class Buffer : public std::streambuf {
-      protected:
-        int_type overflow(int_type c) override { return traits_type::not_eof(c); }
-        std::streamsize xsputn(const char* /*data*/, std::streamsize size) override { return size; }
-    };
-    Buffer buffer_;
-};
 
 }  // namespace
 
@@ -96,8 +85,9 @@ int Ssh::exec(const std::string& command, std::ostream& out, std::ostream& err, 
 
 int Ssh::run(const RemoteRequest& request) {
     const SignalHold hold;
-    category().debugStream() << "Executing " << request.command << " on the remote host";
-    const auto channel = session_->openExecChannel(request.command, libssh2pp::Channel::kNonBlocking);
+    category().debugStream() << "Executing " << shown(request.command) << " on the remote host";
+    const auto channel =
+        session_->openExecChannel(request.command, shown(request.command), libssh2pp::Channel::kNonBlocking);
     const int status = channel ? runOn(*channel, request) : kStatusOfRefusedCommand;
     category().debugStream() << "Execution finished with return code " << status;
     return status;
@@ -111,6 +101,10 @@ int Ssh::runOn(libssh2pp::Channel& channel, const RemoteRequest& request) {
     return command.waitForExitStatus();
 }
 
+std::string Ssh::shown(const std::string& text) const {
+    return commandsHidden_ ? kHiddenText : text;
+}
+
 void Ssh::serveAlarm() {
     if (Alarm* const alarm = alarm_) {
         alarm->doAlarm();
@@ -118,7 +112,7 @@ void Ssh::serveAlarm() {
 }
 
 int Ssh::get(std::ostream& out, std::ostream& err, const std::string& remotePath, Counter& counter) {
-    category().debugStream() << "Reading data from the remote file " << remotePath;
+    category().debugStream() << "Reading data from the remote file " << shown(remotePath);
     const std::string command = boost::str(boost::format("cat %1%") % sh_quote(remotePath));
     std::istringstream noInput;
     const int status = run({command, noInput, out, err, true, true, counter});
@@ -129,9 +123,8 @@ int Ssh::get(std::ostream& out, std::ostream& err, const std::string& remotePath
 }
 
 int Ssh::get(std::ostream& out, const std::string& remotePath) {
-    static NullCounter counter;
-    std::ostringstream err;
-    return get(out, err, remotePath, counter);
+    DiscardStream err;
+    return get(out, err, remotePath, null_counter);
 }
 
 int Ssh::get(const std::string& localPath, std::ostream& err, const std::string& remotePath,
@@ -149,9 +142,8 @@ int Ssh::get(const std::string& localPath, std::ostream& err, const std::string&
 }
 
 int Ssh::get(const std::string& localPath, const std::string& remotePath) {
-    static NullCounter counter;
-    std::ostringstream err;
-    return get(localPath, err, remotePath, counter);
+    DiscardStream err;
+    return get(localPath, err, remotePath, null_counter);
 }
 
 void Ssh::put(std::istream& in, const std::string& remotePath) {

@@ -82,6 +82,9 @@ class Ssh {
     void addSecret(const std::string& secret) { secrets_.add(secret); }
     const Secrets& secrets() const { return secrets_; }
 
+    /// While commands are hidden, the log does not tell their words.
+    void hideCommands(bool hidden) { commandsHidden_ = hidden; }
+
     /// Logs a chunk of standard input as it is.
     static void logPump(const char* data, int size);
 
@@ -91,12 +94,26 @@ class Ssh {
   private:
     int run(const RemoteRequest& request);
     int runOn(libssh2pp::Channel& channel, const RemoteRequest& request);
+    std::string shown(const std::string& text) const;
     void startSession(const std::string& host, bool noEncryption, unsigned short port);
 
     Secrets secrets_;
     std::unique_ptr<Socket> socket_;  // outlives the session that runs on it
     std::unique_ptr<libssh2pp::Session> session_;
     std::atomic<Alarm*> alarm_ = nullptr;
+    bool commandsHidden_ = false;
+};
+
+/// Hides commands that would show a secret in the log, when `hidden`, while it lives.
+class HiddenCommands {
+  public:
+    HiddenCommands(Ssh& ssh, bool hidden) : ssh_(ssh) { ssh_.hideCommands(hidden); }
+    HiddenCommands(const HiddenCommands&) = delete;
+    HiddenCommands& operator=(const HiddenCommands&) = delete;
+    ~HiddenCommands() { ssh_.hideCommands(false); }
+
+  private:
+    Ssh& ssh_;
 };
 
 }  // namespace korva

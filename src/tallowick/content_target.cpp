@@ -2,6 +2,7 @@
 #include "tallowick/content_target.h"
 
 #include "commons/filesystem.h"
+#include "commons/regular_file.h"
 #include "commons/session.h"
 #include "commons/system_error.h"
 #include "utils/accounts.h"
@@ -52,7 +53,7 @@ bool isNameOfThisRun(std::string_view name) {
         "migration.status", "migration.log", "transfer.result", "dump-name", "migration-result-name"};
     constexpr std::string_view kPredecessor = "transfer.result.";
     return std::find(kNames.begin(), kNames.end(), name) != kNames.end() ||
-           (name.starts_with(kPredecessor) &&
+           (name.size() > kPredecessor.size() && name.starts_with(kPredecessor) &&
             name.substr(kPredecessor.size()).find_first_not_of("0123456789") == std::string_view::npos);
 }
 
@@ -66,14 +67,6 @@ PanelAccount panelAccount() {
     PanelAccount account{};
     account.user = korva_ugid(kPanelAccount, &account.group);
     return account;
-}
-
-Descriptor openDirectory(const std::string& path) {
-    Descriptor directory(open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    if (directory.fd() < 0) {
-        throwSystemError(path, errno);
-    }
-    return directory;
 }
 
 void make_content_dir(const std::string& path, const PanelAccount& owner) {
@@ -103,6 +96,9 @@ bool ContentTarget::isFileOfThisRun(const std::string& listedPath) const {
     std::error_code missing;
     // What is missing so far may lead up again once it is made.
     fs::path local = fs::weakly_canonical(directory_, missing);
+    if (missing) {
+        local = directory_;
+    }
     for (const std::string& name : components(listedPath)) {
         if (IncomingFile::isTemporaryName(name) ||
             (isNameOfThisRun(name) && fs::equivalent(local, theSession->getDir(), missing))) {

@@ -13,9 +13,6 @@
 
 namespace korva {
 
-/// Opens a directory. Throws SystemError.
-Descriptor openDirectory(const std::string& path);
-
 /// Who is to own what the panel reads.
 struct PanelAccount {
     uid_t user;

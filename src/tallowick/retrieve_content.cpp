@@ -2,9 +2,12 @@
 #include "tallowick/retrieve_content.h"
 
 #include "agents/agent_spec.h"
+#include "commons/bounded_text.h"
+#include "commons/discard_stream.h"
 #include "commons/filesystem.h"
 #include "commons/regular_file.h"
 #include "commons/session.h"
+#include "commons/stream_errors.h"
 #include "commons/system_error.h"
 #include "tallowick/args_builder.h"
 #include "tallowick/name_record.h"
@@ -15,8 +18,8 @@
 #include <boost/numeric/conversion/cast.hpp>
 
 #include <fcntl.h>
+#include <sys/stat.h>
 
-#include <sstream>
 #include <tuple>
 #include <typeinfo>
 
@@ -24,6 +27,8 @@ namespace korva {
 namespace {
 
 constexpr const char* kSourceName = "./actions";
+
+constexpr std::size_t kMaxListSize = std::size_t{16} << 20;  // bytes
 
 std::unique_ptr<AgentFileList> readList(const std::string& text) {
     try {
@@ -33,20 +38,8 @@ std::unique_ptr<AgentFileList> readList(const std::string& text) {
     }
 }
 
-std::int64_t totalOf(const AgentFileList& list) {
-    for (const DumpFile& file : list.getFileList()) {
-        if (file.size < 0) {
-            throw KORVA_EXC(CantRetrieveContentList) % ("the size of '" + file.name + "' is negative");
-        }
-    }
-    try {
-        return boost::numeric_cast<std::int64_t>(list.getTotalSize());
-    } catch (const std::bad_cast&) {  // no number, or one that is out of range
-        throw KORVA_EXC(CantRetrieveContentList) % "the total size is not a number of bytes";
-    }
-}
-
-/// What the list says of a file against what there is of it; a list without a sum still gives a size.
+/// What the list says of a file against what there is of it. Without a sum the size has to do, without both
+/// every file will.
 struct Comparison {
     std::string seen;
     std::string listed;
@@ -58,20 +51,21 @@ Comparison compare(const DumpFile& file, const std::string& md5, std::int64_t si
         return {md5, file.md5, boost::algorithm::iequals(md5, file.md5)};
     }
     return {std::to_string(size) + " bytes", std::to_string(file.size) + " bytes",
-            file.size == 0 || file.size == size};
+            !file.hasSize || file.size == size};
 }
 
 // Whether the file that has the name already is the listed one, so that nothing worse may replace it.
 bool isListedFile(const Descriptor& directory, const std::string& name, const DumpFile& file) {
     const std::optional<FileSum> present = sumRegularFile(directory.fd(), name);
-    return present && (!file.md5.empty() || file.size > 0) &&
+    return present && (!file.md5.empty() || file.hasSize) &&
            compare(file, present->md5, present->size).matches;
 }
 
-void logMismatch(const std::string& remotePath, const Comparison& comparison) {
-    Exc<& WrongMd5Sum> warning = KORVA_EXC(WrongMd5Sum) % remotePath % comparison.seen % comparison.listed;
-    warning.setSeverity(kSeverityWarning);
-    theDebugLog->log(warning);
+bool isSameFile(const Descriptor& directory, const std::string& name, const std::string& path) {
+    struct stat one {};
+    struct stat other {};
+    return fstatat(directory.fd(), name.c_str(), &one, AT_SYMLINK_NOFOLLOW) == 0 &&
+           lstat(path.c_str(), &other) == 0 && one.st_dev == other.st_dev && one.st_ino == other.st_ino;
 }
 
 }  // namespace
@@ -102,17 +96,42 @@ void RetrieveContentAction::execute() {
 std::unique_ptr<AgentFileList> RetrieveContentAction::requestList() {
     const auto agent = theAgentsFactory().getAgent(cfg().agent_name);
     const std::string entry = cfg().agent_dir + "/" + agent->entryPoint();
-    std::ostringstream out;
-    std::ostringstream err;
     const std::string command = (ArgsBuilder(agent->interpreter()) << entry << "--get-content-list").str();
-    if (execRoot(command, out, err, false) != 0) {
-        throw KORVA_EXC(CantRetrieveContentList) % err.str();
+    const std::string text = outputOf(command);
+    try {
+        return readList(text);
+    } catch (const ExTraceable&) {  // it quotes the text
+        std::ignore = readList(shown(text));
+        throw KORVA_EXC(CantRetrieveContentList) % "the list is not well-formed";
+    }
+}
+
+std::string RetrieveContentAction::outputOf(const std::string& command) {
+    LimitedText out(kMaxListSize);
+    BoundedText err;
+    try {
+        if (execRoot(command, out, err, false) != 0) {
+            throw KORVA_EXC(CantRetrieveContentList) % err.str();
+        }
+    } catch (const Exc<&StreamWrite>&) {
+        if (!out.exceeded()) {
+            throw;
+        }
+        throw KORVA_EXC(CantRetrieveContentList) % "the list is larger than 16 MiB";
+    }
+    return out.str();
+}
+
+std::int64_t RetrieveContentAction::totalOf(const AgentFileList& list) {
+    for (const DumpFile& file : list.getFileList()) {
+        if (file.size < 0) {
+            throw KORVA_EXC(CantRetrieveContentList) % ("the size of '" + shown(file.name) + "' is negative");
+        }
     }
     try {
-        return readList(out.str());
-    } catch (const ExTraceable&) {  // it quotes the text
-        std::ignore = readList(getSsh()->secrets().mask(out.str()));
-        throw KORVA_EXC(CantRetrieveContentList) % "the list is not well-formed";
+        return boost::numeric_cast<std::int64_t>(list.getTotalSize());
+    } catch (const std::bad_cast&) {  // no number, or one that is out of range
+        throw KORVA_EXC(CantRetrieveContentList) % "the total size is not a number of bytes";
     }
 }
 
@@ -139,13 +158,10 @@ void RetrieveContentAction::fetchAll(const std::vector<DumpFile>& files, Content
 
 void RetrieveContentAction::fetch(const DumpFile& file, ContentTarget& target,
                                   FileRetrievalProgressUpdater& progress) {
-    const auto failure = [&](const std::string& reason) {
-        return KORVA_EXC(CantRetrieveContentFile) % file.name % cfg().host % target.localPath(file.name) %
-               reason;
-    };
     if (const std::optional<std::string> reason = target.refusal(file.name)) {
-        throw failure(*reason);
+        throw failure(file, target, *reason);
     }
+    const HiddenCommands quiet(*getSsh(), shown(file.name) != file.name);
     try {
         const Descriptor directory = target.enterDirectoryOf(file.name);
         const bool isHere =
@@ -154,8 +170,15 @@ void RetrieveContentAction::fetch(const DumpFile& file, ContentTarget& target,
             removeRemote(file);
         }
     } catch (const SystemError& e) {
-        throw failure(e.what());
+        throw failure(file, target, shown(e.what()));
     }
+}
+
+Exc<&CantRetrieveContentFile> RetrieveContentAction::failure(const DumpFile& file,
+                                                             const ContentTarget& target,
+                                                             const std::string& reason) {
+    return KORVA_EXC(CantRetrieveContentFile) % shown(file.name) % cfg().host %
+           shown(target.localPath(file.name)) % reason;
 }
 
 // By the last component alone, and in the session's own directory whatever the target is.
@@ -168,11 +191,12 @@ bool RetrieveContentAction::checkMD5(const DumpFile& file) const {
 // The match may be the file of another path with the same last component: both are to exist.
 bool RetrieveContentAction::takeMatch(const DumpFile& file, const Descriptor& directory) const {
     const std::string name = lastComponent(file.name);
-    if (isListedFile(directory, name, file)) {
+    const std::string match = theSession->getCidFile(name);
+    if (isSameFile(directory, name, match) || isListedFile(directory, name, file)) {
         return true;
     }
     IncomingFile copy(directory, name);
-    copyRegularFile(theSession->getCidFile(name), copy.stream());
+    copyRegularFile(match, copy.stream());
     copy.close();
     if (copy.md5() != file.md5) {
         return false;
@@ -185,15 +209,14 @@ bool RetrieveContentAction::download(const DumpFile& file, const ContentTarget& 
                                      const Descriptor& directory, FileRetrievalProgressUpdater& progress) {
     const std::string name = lastComponent(file.name);
     IncomingFile incoming(directory, name);
-    std::ostringstream err;
+    BoundedText err;
     if (getSsh()->get(incoming.stream(), err, remotePath(file), progress) != 0) {
-        throw KORVA_EXC(CantRetrieveContentFile) % file.name % cfg().host % target.localPath(file.name) %
-            err.str();
+        throw failure(file, target, err.str());
     }
     incoming.close();
     const Comparison comparison = compare(file, incoming.md5(), incoming.size());
     if (!comparison.matches) {
-        logMismatch(remotePath(file), comparison);
+        logMismatch(file, comparison.seen, comparison.listed);
     }
     if (comparison.matches || !isListedFile(directory, name, file)) {
         incoming.install();
@@ -201,12 +224,25 @@ bool RetrieveContentAction::download(const DumpFile& file, const ContentTarget& 
     return comparison.matches;
 }
 
+void RetrieveContentAction::logMismatch(const DumpFile& file, const std::string& seen,
+                                        const std::string& listed) {
+    auto warning = KORVA_EXC(WrongMd5Sum) % shown(remotePath(file)) % seen % shown(listed);
+    warning.setSeverity(kSeverityWarning);
+    theDebugLog->log(warning);
+}
+
 void RetrieveContentAction::removeRemote(const DumpFile& file) {
-    std::ostringstream out;
-    std::ostringstream err;
+    DiscardStream out;
+    BoundedText err;
     if (execRoot((ArgsBuilder("rm") << remotePath(file)).str(), out, err, false) != 0) {
-        theDebugLog->log(KORVA_EXC(UnableToRemoveRemoteFile) % remotePath(file) % cfg().host % err.str());
+        theDebugLog->log(KORVA_EXC(UnableToRemoveRemoteFile) % shown(remotePath(file)) % cfg().host %
+                         err.str());
     }
+}
+
+// Names and sums come from the remote side, which may repeat a password in them.
+std::string RetrieveContentAction::shown(const std::string& text) {
+    return getSsh()->secrets().mask(text);
 }
 
 }  // namespace korva

@@ -3,6 +3,7 @@
 
 #include "tallowick/actions.h"
 #include "tallowick/content_target.h"
+#include "tallowick/retrieval_errors.h"
 #include "tallowick/retrieval_progress.h"
 #include "xml/agent_file_list.h"
 
@@ -22,6 +23,8 @@ class RetrieveContentAction : public Action {
 
   private:
     std::unique_ptr<AgentFileList> requestList();
+    std::string outputOf(const std::string& command);
+    std::int64_t totalOf(const AgentFileList& list);
     void requireSpace(const std::string& directory, std::int64_t needed) const;
     void fetchAll(const std::vector<DumpFile>& files, ContentTarget& target,
                   FileRetrievalProgressUpdater& progress);
@@ -30,7 +33,11 @@ class RetrieveContentAction : public Action {
     bool takeMatch(const DumpFile& file, const Descriptor& directory) const;
     bool download(const DumpFile& file, const ContentTarget& target, const Descriptor& directory,
                   FileRetrievalProgressUpdater& progress);
+    void logMismatch(const DumpFile& file, const std::string& seen, const std::string& listed);
     void removeRemote(const DumpFile& file);
+    Exc<&CantRetrieveContentFile> failure(const DumpFile& file, const ContentTarget& target,
+                                          const std::string& reason);
+    std::string shown(const std::string& text);
     std::string remotePath(const DumpFile& file) const { return cfg().agent_dir + "/" + file.name; }
 };
 

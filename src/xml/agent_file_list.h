@@ -13,6 +13,7 @@ struct DumpFile {
     std::string name;       ///< as the agent wrote it, relative to the agent's directory
     std::int64_t size = 0;  ///< bytes; 0 also where the list gives none
     std::string md5;        ///< hex digits as the agent wrote them; empty where the list gives none
+    bool hasSize = false;   ///< whether the list gives a size
 };
 
 /// The content files that a dump on the source host refers to.

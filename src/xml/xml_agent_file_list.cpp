@@ -30,6 +30,7 @@ XmlAgentFileList::XmlAgentFileList(const std::string& content) : tXmlDvxDocument
         DumpFile file;
         if (const std::optional<std::string> size = findAttribute(node, "size")) {
             file.size = boost::lexical_cast<std::int64_t>(*size);
+            file.hasSize = true;
         }
         file.md5 = findAttribute(node, "md5sum").value_or("");
         file.name = getNodeText(node);

@@ -102,6 +102,18 @@ def test_password_in_what_is_no_list_reaches_no_message(tallowick, server, agent
     assert "<oops>********</oop>" in error.description
 
 
+@pytest.mark.parametrize("secret", ["login", "sudo"])
+def test_password_as_the_name_of_a_listed_file_reaches_no_log_and_no_message(tallowick, server, agent, secret):
+    options = {"account": NOPASS, "sudo_password": "some-Sudo-secret-1"}
+    name = NOPASS.password if secret == "login" else options["sudo_password"]
+    agent.answer(list=content_list([agent.add(name, b"text"), content_file(f"gone/{name}", b"other")]))
+    # The run itself is searched for passwords.
+    run = get_content(tallowick, server, agent, "--sudo-password", **options)
+    assert run.status == 2
+    assert run.session.file(name).read_bytes() == b"text"
+    assert "'gone/********'" in run.session.error(RESULT).inner.description
+
+
 @pytest.mark.parametrize("number", ["-1", "9223372036854775808", "18446744073709551620", "twelve", "", "4.0"])
 def test_total_that_is_no_number_of_bytes_is_refused(tallowick, server, agent, number):
     agent.add("file", b"text")

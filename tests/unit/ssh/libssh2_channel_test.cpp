@@ -34,7 +34,7 @@ class ChannelTest : public testing::Test {
     ChannelTest()
         : session_(sockets_.ours(), false, false),
           script_(fake.nextChannel()),
-          channel_(session_.openExecChannel("command", Channel::kNonBlocking)) {
+          channel_(session_.openExecChannel("command", "command", Channel::kNonBlocking)) {
         fake.calls.clear();
         log.clear();
         waits.waits.clear();

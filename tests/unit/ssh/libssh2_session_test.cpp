@@ -354,7 +354,7 @@ TEST_F(ReserveChannel, LeavesTheSessionFitForLaterCommands) {
     Session& session = startAuthorized(true);
     // The session is non-blocking now: the next open is not done in one call.
     fake.opens = {LIBSSH2_ERROR_EAGAIN, LIBSSH2_ERROR_EAGAIN, LIBSSH2_ERROR_EAGAIN, LIBSSH2_ERROR_EAGAIN};
-    EXPECT_NE(nullptr, session.openExecChannel("true", Channel::kNonBlocking));
+    EXPECT_NE(nullptr, session.openExecChannel("true", "shown", Channel::kNonBlocking));
     EXPECT_EQ(5U, fake.countOf("open"));
     EXPECT_FALSE(fake.channel(0).freed);
 }
@@ -383,23 +383,23 @@ using OpenExecChannel = SessionTest;
 
 TEST_F(OpenExecChannel, OpensASessionChannelSetsItsModeAndStartsTheCommand) {
     Session& session = startAuthorized();
-    const auto channel = session.openExecChannel("cat 'a b'", Channel::kNonBlocking);
+    const auto channel = session.openExecChannel("cat 'a b'", "what is shown", Channel::kNonBlocking);
     EXPECT_NE(nullptr, channel);
     EXPECT_THAT(fake.calls, ElementsAre("open session 65536 16384", "set_blocking 0", "exec cat 'a b'"));
     EXPECT_THAT(log.records(),
-                ElementsAre(debugRecord(kCategory, "Opening SSH channel for command 'cat 'a b''")));
+                ElementsAre(debugRecord(kCategory, "Opening SSH channel for command 'what is shown'")));
 }
 
 TEST_F(OpenExecChannel, SetsTheModeThatItIsAskedFor) {
     Session& session = startAuthorized();
-    const auto channel = session.openExecChannel("true", Channel::kBlocking);
+    const auto channel = session.openExecChannel("true", "shown", Channel::kBlocking);
     EXPECT_THAT(fake.callsOf("set_blocking"), ElementsAre("set_blocking 1"));
 }
 
 TEST_F(OpenExecChannel, RepeatsAnOpenThatHasToWait) {
     Session& session = startAuthorized();
     fake.opens.assign(7, LIBSSH2_ERROR_EAGAIN);
-    EXPECT_NE(nullptr, session.openExecChannel("true", Channel::kNonBlocking));
+    EXPECT_NE(nullptr, session.openExecChannel("true", "shown", Channel::kNonBlocking));
     EXPECT_EQ(8U, fake.countOf("open session 65536 16384"));
     EXPECT_FALSE(waits.waits.empty());
 }
@@ -407,7 +407,7 @@ TEST_F(OpenExecChannel, RepeatsAnOpenThatHasToWait) {
 TEST_F(OpenExecChannel, IsAnInvalidHandleWhenTheServerRefusesAChannel) {
     Session& session = startAuthorized();
     fake.opens = {LIBSSH2_ERROR_CHANNEL_FAILURE};
-    EXPECT_THROW(session.openExecChannel("true", Channel::kNonBlocking), Exc<&InvalidHandle>);
+    EXPECT_THROW(session.openExecChannel("true", "shown", Channel::kNonBlocking), Exc<&InvalidHandle>);
     EXPECT_EQ(1U, fake.countOf("open"));
 }
 
@@ -416,7 +416,8 @@ TEST_F(OpenExecChannel, TellsALostConnectionFromARefusedChannel) {
     for (const int error : {LIBSSH2_ERROR_SOCKET_SEND, LIBSSH2_ERROR_SOCKET_RECV,
                             LIBSSH2_ERROR_SOCKET_DISCONNECT, LIBSSH2_ERROR_TIMEOUT}) {
         fake.opens = {error};
-        EXPECT_THROW(session.openExecChannel("true", Channel::kNonBlocking), Exc<&SshConnectionFault>)
+        EXPECT_THROW(session.openExecChannel("true", "shown", Channel::kNonBlocking),
+                     Exc<&SshConnectionFault>)
             << error;
     }
 }
@@ -424,21 +425,21 @@ TEST_F(OpenExecChannel, TellsALostConnectionFromARefusedChannel) {
 TEST_F(OpenExecChannel, RepeatsTheSameRequestWhileItHasToWait) {
     Session& session = startAuthorized();
     fake.nextChannel().startup.assign(7, LIBSSH2_ERROR_EAGAIN);
-    EXPECT_NE(nullptr, session.openExecChannel("true", Channel::kNonBlocking));
+    EXPECT_NE(nullptr, session.openExecChannel("true", "shown", Channel::kNonBlocking));
     EXPECT_EQ(8U, fake.countOf("exec true"));
 }
 
 TEST_F(OpenExecChannel, GivesNoChannelForACommandThatTheServerRefuses) {
     Session& session = startAuthorized();
     fake.nextChannel().startup = {LIBSSH2_ERROR_CHANNEL_REQUEST_DENIED};
-    EXPECT_EQ(nullptr, session.openExecChannel("true", Channel::kNonBlocking));
+    EXPECT_EQ(nullptr, session.openExecChannel("true", "shown", Channel::kNonBlocking));
     EXPECT_TRUE(fake.channel(0).freed);
 }
 
 TEST_F(OpenExecChannel, GivesNoChannelForACommandThatIsTooLongToBeSent) {
     Session& session = startAuthorized();
     fake.nextChannel().startup = {LIBSSH2_ERROR_INVAL};
-    EXPECT_EQ(nullptr, session.openExecChannel(std::string(40000, 'x'), Channel::kNonBlocking));
+    EXPECT_EQ(nullptr, session.openExecChannel(std::string(40000, 'x'), "shown", Channel::kNonBlocking));
 }
 
 TEST_F(OpenExecChannel, TellsAConnectionLostWhileTheCommandIsStarted) {
@@ -446,7 +447,8 @@ TEST_F(OpenExecChannel, TellsAConnectionLostWhileTheCommandIsStarted) {
     for (const int error : {-1, LIBSSH2_ERROR_SOCKET_SEND, LIBSSH2_ERROR_SOCKET_RECV,
                             LIBSSH2_ERROR_SOCKET_DISCONNECT, LIBSSH2_ERROR_BAD_USE}) {
         fake.nextChannel().startup = {error};
-        EXPECT_THROW(session.openExecChannel("true", Channel::kNonBlocking), Exc<&SshConnectionFault>)
+        EXPECT_THROW(session.openExecChannel("true", "shown", Channel::kNonBlocking),
+                     Exc<&SshConnectionFault>)
             << error;
     }
 }
@@ -454,7 +456,7 @@ TEST_F(OpenExecChannel, TellsAConnectionLostWhileTheCommandIsStarted) {
 TEST_F(OpenExecChannel, RepeatsAtOnceBeforeItSleepsSinceTheSocketMayJustHaveBecomeWritable) {
     Session& session = startAuthorized();
     fake.nextChannel().startup = {LIBSSH2_ERROR_EAGAIN, LIBSSH2_ERROR_EAGAIN};
-    const auto channel = session.openExecChannel("true", Channel::kNonBlocking);
+    const auto channel = session.openExecChannel("true", "shown", Channel::kNonBlocking);
     EXPECT_THAT(waits.waits, IsEmpty());
 }
 
@@ -462,7 +464,7 @@ TEST_F(OpenExecChannel, WaitsForAFullSocketToTakeBytes) {
     Session& session = startAuthorized();
     fake.nextChannel().startup = {LIBSSH2_ERROR_EAGAIN};
     waits.writable = {false, false};
-    const auto channel = session.openExecChannel("true", Channel::kNonBlocking);
+    const auto channel = session.openExecChannel("true", "shown", Channel::kNonBlocking);
     ASSERT_EQ(1U, waits.waits.size());
     EXPECT_EQ(POLLIN | POLLOUT, waits.waits.front().events);
     EXPECT_EQ(5000, waits.waits.front().timeoutMs);

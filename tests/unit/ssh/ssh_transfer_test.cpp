@@ -70,6 +70,18 @@ TEST_F(SshGet, LogsThePathAndNeverTheData) {
     EXPECT_THAT(log().text(), Not(HasSubstr("the error")));
 }
 
+TEST_F(SshGet, TellsNothingOfThePathWhileCommandsAreHidden) {
+    Ssh& connection = ssh();
+    {
+        const HiddenCommands hidden(connection, true);
+        connection.get(out, err, "secret", counter);
+        EXPECT_THAT(log().text(), Not(HasSubstr("secret")));
+        EXPECT_THAT(log().text(), HasSubstr("Executing ******** on the remote host"));
+    }
+    connection.get(out, err, "secret", counter);
+    EXPECT_THAT(log().text(), HasSubstr("Executing cat secret on the remote host"));
+}
+
 TEST_F(SshGet, NeverHidesAnythingInWhatItStores) {
     script.reads[0] = {{"Sesame-"}, {"4711"}};
     ssh().get(out, err, "remote", counter);

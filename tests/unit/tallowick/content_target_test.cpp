@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "tallowick/content_target.h"
 
+#include "commons/regular_file.h"
 #include "commons/session.h"
 #include "commons/system_error.h"
 #include "commons/umask_scope.h"

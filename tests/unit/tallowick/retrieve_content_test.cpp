@@ -3,6 +3,7 @@
 
 #include "commons/checksum.h"
 #include "commons/filesystem.h"
+#include "commons/stream_errors.h"
 #include "fakes/fake_accounts.h"
 #include "fakes/fake_fsync.h"
 #include "ssh/libssh2pp.h"
@@ -416,12 +417,60 @@ TEST_F(ContentFile, StaysOnTheSourceHostWhenItsSizeIsWrongAndThereIsNoSum) {
 }
 
 TEST_F(ContentFile, IsTakenAsItComesWithoutSumAndSize) {
-    for (const char* attributes : {"", "size='0'"}) {
-        ssh.commands.clear();
-        offerAs(attributes, "a", "content");
-        action.execute();
-        EXPECT_THAT(transfers(), ElementsAre(get("a"), rm("a")));
-    }
+    offerAs("", "a", "content");
+    action.execute();
+    EXPECT_THAT(transfers(), ElementsAre(get("a"), rm("a")));
+}
+
+TEST_F(ContentFile, ThatIsListedAsEmptyStaysOnTheSourceHostWhenItIsNot) {
+    offerAs("size='0'", "a", "content");
+    action.execute();
+    EXPECT_THAT(transfers(), ElementsAre(get("a")));
+    EXPECT_THAT(debugLog.errors,
+                ElementsAre("File '/agent/a' is not what the content list says: 7 bytes instead of 0 bytes"));
+}
+
+TEST_F(ContentFile, ShowsNoPasswordThatTheSourceHostListsAsItsName) {
+    cfg.password = "Sesame-1";
+    answer(list("0", entry("Sesame-1", "") + entry("../Sesame-1", "")));
+    remote("Sesame-1").out = "content";
+    result("rm " + sh_quote("/agent/Sesame-1")).status = 1;
+    EXPECT_THAT(failure(), loopFailure(isError("CantRetrieveContentFile",
+                                               AllOf(HasSubstr("'../********'"), Not(HasSubstr("Sesame"))))));
+    EXPECT_EQ("content", readFile(inSession("Sesame-1")));
+    EXPECT_THAT(debugLog.errors,
+                ElementsAre("Unable to remove remote file '/agent/********' from 'source.example': "));
+}
+
+TEST_F(ContentFile, ShowsNoPasswordThatTheSourceHostListsAsItsSum) {
+    cfg.password = "Sesame-1";
+    offerAs("md5sum='Sesame-1'", "Sesame-1", "content");
+    action.execute();
+    EXPECT_THAT(debugLog.errors, ElementsAre("File '/agent/********' is not what the content list says: " +
+                                             sumOf("content") + " instead of ********"));
+}
+
+TEST_F(ContentListRetrieval, ShowsNoPasswordInTheNameOfAFileOfNegativeSize) {
+    cfg.password = "Sesame-1";
+    answer(list("0", entry("Sesame-1", "size='-1'")));
+    EXPECT_THAT(failure(), listFailure("the size of '********' is negative"));
+}
+
+TEST_F(ContentListRetrieval, TakesAListOf16MebibytesAndNoLargerOne) {
+    constexpr std::size_t kLimit = std::size_t{16} << 20;
+    const std::string frame = list("0", "");
+    answer(list("0", std::string(kLimit - frame.size(), ' ')));
+    EXPECT_THAT(failure(), IsEmpty());
+    answer(list("0", std::string(kLimit - frame.size() + 1, ' ')));
+    EXPECT_THAT(failure(), listFailure("the list is larger than 16 MiB"));
+}
+
+TEST_F(ContentListRetrieval, TellsAFailureOfTheInputAsItIs) {
+    useSudo("sudo word");
+    ssh.results[asRoot(kList)].meanwhile = [] {
+        throw Exc<&StreamWrite>("the connection", "./ssh-transfer", 1);
+    };
+    EXPECT_THAT(failure(), ElementsAre(isError("StreamWrite", "Cannot write data to the stream")));
 }
 
 TEST_F(ContentFile, IsNotReplacedByOneThatIsNotTheListedOne) {

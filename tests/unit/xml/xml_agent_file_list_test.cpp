@@ -29,8 +29,8 @@ TEST(ContentList, GivesItsFilesInDocumentOrder) {
         "  <file size=\"100\" md5sum=\"900150983cd24fb0d6963f7d28e17f72\">clients/a &amp; c.tgz</file>\n"
         "</contentlist>\n");
     EXPECT_THAT(list->getFileList(),
-                ElementsAre(FieldsAre("clients/b.tgz", 200, "d41d8cd98f00b204e9800998ecf8427e"),
-                            FieldsAre("clients/a & c.tgz", 100, "900150983cd24fb0d6963f7d28e17f72")));
+                ElementsAre(FieldsAre("clients/b.tgz", 200, "d41d8cd98f00b204e9800998ecf8427e", true),
+                            FieldsAre("clients/a & c.tgz", 100, "900150983cd24fb0d6963f7d28e17f72", true)));
     EXPECT_EQ(list->getTotalSize(), 300U);
     EXPECT_EQ(list->getUnpackedSize(), 1000U);
 }
@@ -40,11 +40,12 @@ TEST(ContentList, MayBeEmpty) {
 }
 
 TEST(ContentList, TakesAMissingSizeForZero) {
-    EXPECT_THAT(listOf("<file md5sum='aa'>f</file>")->getFileList(), ElementsAre(FieldsAre("f", 0, "aa")));
+    EXPECT_THAT(listOf("<file md5sum='aa'>f</file>")->getFileList(),
+                ElementsAre(FieldsAre("f", 0, "aa", false)));
 }
 
 TEST(ContentList, TakesAMissingSumForAnEmptyOne) {
-    EXPECT_THAT(listOf("<file size='5'>f</file>")->getFileList(), ElementsAre(FieldsAre("f", 5, "")));
+    EXPECT_THAT(listOf("<file size='5'>f</file>")->getFileList(), ElementsAre(FieldsAre("f", 5, "", true)));
 }
 
 TEST(ContentList, IgnoresWhatIsNoFileElement) {
@@ -52,16 +53,17 @@ TEST(ContentList, IgnoresWhatIsNoFileElement) {
         listOf("text<!-- c --><?pi file?><![CDATA[x]]><dir size='bad'><file>inner</file></dir><files/>"
                "<file>f</file>")
             ->getFileList(),
-        ElementsAre(FieldsAre("f", 0, "")));
+        ElementsAre(FieldsAre("f", 0, "", false)));
 }
 
 TEST(ContentList, KeepsBlanksInNames) {
-    EXPECT_THAT(listOf("<file> a\n b </file>")->getFileList(), ElementsAre(FieldsAre(" a\n b ", 0, "")));
+    EXPECT_THAT(listOf("<file> a\n b </file>")->getFileList(),
+                ElementsAre(FieldsAre(" a\n b ", 0, "", false)));
 }
 
 TEST(ContentList, TakesTheLargestSizes) {
     EXPECT_THAT(listOf("<file size='9223372036854775807'>f</file>")->getFileList(),
-                ElementsAre(FieldsAre("f", std::numeric_limits<std::int64_t>::max(), "")));
+                ElementsAre(FieldsAre("f", std::numeric_limits<std::int64_t>::max(), "", true)));
     EXPECT_EQ(listOfSize("18446744073709551615")->getTotalSize(), std::numeric_limits<std::uint64_t>::max());
 }
 
