@@ -111,7 +111,7 @@ const AgentsFactory::Agents& AgentsFactory::getAllAgents() {
 
 bool AgentsFactory::parseAgent(const std::string& name) {
     factoryCategory().debugStream() << "Parsing " << name;
-    const std::filesystem::path directory = std::filesystem::path(files::agents::getDir()) / name;
+    const std::filesystem::path directory = files::agents::getDir() + "/" + name;
     std::error_code unreadable;
     if (!std::filesystem::is_directory(directory, unreadable)) {
         return false;

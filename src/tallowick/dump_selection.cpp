@@ -74,7 +74,7 @@ void appendList(const std::string& given, std::string& list) {
 }
 
 // The messages of the parser quote lines of the file, cut to a length of its own: secrets have to go before.
-void throwWithoutSecrets(const config& cfg) {
+void throwMaskedIfItQuotesSecrets(const config& cfg) {
     Secrets secrets;
     secrets.add(cfg.password);
     secrets.add(cfg.sudo_password);
@@ -128,7 +128,7 @@ void prepareDumpOptions(const config& cfg, std::vector<std::string>& arguments, 
             parseSelectedObjectsFile(cfg.selected_objects_file, domains, clients, resellers, filter, compress,
                                      server, adminInfo, noLicense);
         } catch (const Exc<&tError_ParseFile>&) {
-            throwWithoutSecrets(cfg);
+            throwMaskedIfItQuotesSecrets(cfg);
             throw;
         }
     }

@@ -2,15 +2,16 @@
 #include "tallowick/send_agent.h"
 
 #include "agents/agent_spec.h"
+#include "commons/bounded_text.h"
+#include "commons/discard_stream.h"
 #include "commons/output_file.h"
 #include "commons/product_paths.h"
 #include "commons/session.h"
+#include "commons/stream_errors.h"
 #include "tallowick/args_builder.h"
 #include "tallowick/dir_walk.h"
 
 #include <log4cpp/Category.hh>
-
-#include <sstream>
 
 namespace korva {
 namespace {
@@ -38,7 +39,8 @@ void SendAgentAction::execute() {
         throw KORVA_EXC(NoSharedAgentsDirectory);
     }
     sendTree(shared);
-    const fs::path agent = cfg().agent_name.empty() ? agentsDirectory : agentsDirectory / cfg().agent_name;
+    const fs::path agent =
+        agentsDirectory.string() + (cfg().agent_name.empty() ? "" : "/" + cfg().agent_name);
     if (!fs::exists(agent, unreadable)) {
         throw KORVA_EXC(NoAgentDirectory) % agent.string();
     }
@@ -51,10 +53,15 @@ void SendAgentAction::execute() {
 }
 
 void SendAgentAction::sendTree(const fs::path& root) {
-    recursive_dir_walk_sync(root, cfg().agent_dir,
-                            [&](const fs::path& localPath, const std::string& remotePath) {
-                                return sendFile(root, localPath, remotePath);
-                            });
+    try {
+        recursive_dir_walk_sync(root, cfg().agent_dir,
+                                [&](const fs::path& localPath, const std::string& remotePath) {
+                                    return sendFile(root, localPath, remotePath);
+                                });
+    } catch (const fs::filesystem_error& e) {
+        category().errorStream() << "Cannot read " << root.string() << ": " << e.what();
+        throw KORVA_EXC(StreamRead);
+    }
 }
 
 bool SendAgentAction::sendFile(const fs::path& root, const fs::path& localPath,
@@ -77,8 +84,8 @@ void SendAgentAction::makeRemoteDirectory(const std::string& remotePath) {
     const std::string commands[] = {(ArgsBuilder("mkdir") << "-p" << remotePath).str(),
                                     (ArgsBuilder("chown") << cfg().login << remotePath).str()};
     for (const std::string& command : commands) {
-        std::ostringstream out;
-        std::ostringstream err;
+        DiscardStream out;
+        BoundedText err;
         if (execRoot(command, out, err, false) != 0) {
             throw KORVA_EXC(CantCreateAgentDirectory) % remotePath % err.str();
         }
@@ -89,7 +96,7 @@ void SendAgentAction::requestStatus() {
     const auto agent = theAgentsFactory().getAgent(cfg().agent_name);
     const std::string entry = cfg().agent_dir + "/" + agent->entryPoint();
     OutputFile answer(theSession->getDeploymentStatusFileName());
-    std::ostringstream err;
+    BoundedText err;
     // The agent directory is entered twice, which is the same as once for an absolute path.
     const std::string command =
         (ArgsBuilder("sh") << "-c"

@@ -56,6 +56,11 @@ class AgentsFactoryTest : public testing::Test {
     CapturedLog log;
 };
 
+TEST_F(AgentsFactoryTest, FindsNoAgentOutsideOfTheAgentsDirectory) {
+    makeAgent("sample", "EntryPoint: run.pl\n");
+    expectNotFound(agentsDir + "/sample");
+}
+
 TEST_F(AgentsFactoryTest, FindsAnAgentByItsName) {
     makeAgent("sample", "EntryPoint: run.pl\n");
     const auto agent = factory.getAgent("sample");

@@ -262,6 +262,22 @@ TEST_F(SendAgent, FailsWithoutSharedFilesBeforeAnythingIsCopied) {
     EXPECT_THROW(action.execute(), Exc<&NoSharedAgentsDirectory>);
 }
 
+TEST_F(SendAgent, FailsWhenItsTreeCannotBeRead) {
+    fs::create_directory(inShared("gone"));
+    ssh.results[inAgentDir("chown user /agent/gone")].meanwhile = [this] { fs::remove(inShared("gone")); };
+    const CapturedLog log;
+    EXPECT_THAT(errorsOf([this] { action.execute(); }),
+                ElementsAre(isError("StreamRead", "Cannot read data from the stream")));
+    EXPECT_THAT(log.text(), HasSubstr("Cannot read " + shared + ": "));
+}
+
+TEST_F(SendAgent, LooksForAnAgentBelowTheAgentsDirectoryOnly) {
+    cfg.agent_name = agentsDir + "/plain";
+    EXPECT_THAT(errorsOf([this] { action.execute(); }),
+                ElementsAre(isError("NoAgentDirectory", "Directory for agent '" + agentsDir + "/" +
+                                                            agentsDir + "/plain' does not exist")));
+}
+
 TEST_F(SendAgent, FailsWithoutTheAgentAfterTheSharedFilesWereCopied) {
     writeFile(inShared("file"), "");
     cfg.agent_name = "missing";
