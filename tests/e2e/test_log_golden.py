@@ -177,12 +177,15 @@ def test_every_operation_of_the_connection(probe, server, workspace, outbox):
     compare("probe", parse_log(dated), port=server.port, local=local, remote=outbox / "remote")
 
 
-def test_content(tallowick, server, product, workspace):
+def test_content(tallowick, start_sshd, product, workspace):
+    tools = make_dir(workspace / "bin")
+    # The real one writes its message in pieces, of which each might become a line.
+    write(tools / "rm", '#!/bin/sh\ncase $1 in *locked*) printf "rm: not that one\\n" >&2; exit 1 ;; esac\n', 0o755)
+    server = start_sshd(path=f"{tools}:/usr/bin:/bin")
     agent = DeployedAgent(product, workspace / "agent")
     entries = agent.offer({"site.tar": b"some archive", "mail/two words.tar": b"damaged", "locked/file": b""})
     damaged = dataclasses.replace(entries[1], md5="0123456789abcdef" * 2)
     agent.answer(list=content_list([entries[0], damaged, entries[2], ContentFile("gone")]))
-    os.chown(agent.directory / "locked", 0, 0)
     run = tallowick.run("--get-content", *source(server), *agent.options)
     assert run.status == 2
     compare_run("get-content", run, port=server.port, agent=agent.directory, agents=AgentCatalogue(product).directory)
