@@ -6,6 +6,7 @@
 
 #include <boost/format.hpp>
 
+#include <fcntl.h>
 #include <sys/stat.h>
 
 #include <cerrno>
@@ -18,28 +19,42 @@ namespace {
 
 constexpr const char* kSourceName = "./xml_wrap";
 
+std::string resultFileName(const std::string& name) {
+    return name.empty() ? theSession->getResultFileName() : theSession->getDir() + "/" + name;
+}
+
 /// A symbolic link exists even when its target does not.
 bool exists(const std::string& path) {
     struct stat status {};
     return ::lstat(path.c_str(), &status) == 0;
 }
 
-std::string resultFileName(const std::string& name) {
-    return name.empty() ? theSession->getResultFileName() : theSession->getDir() + "/" + name;
+/// Renames without replacing anything: 0, or the errno value.
+int moveAside(const std::string& from, const std::string& to) {
+    if (::renameat2(AT_FDCWD, from.c_str(), AT_FDCWD, to.c_str(), RENAME_NOREPLACE) == 0) {
+        return 0;
+    }
+    if (errno != EINVAL) {
+        return errno;
+    }
+    // The file system cannot refuse to replace, so the name is looked for before.
+    if (exists(to)) {
+        return EEXIST;
+    }
+    return std::rename(from.c_str(), to.c_str()) == 0 ? 0 : errno;
 }
 
-/// Moves the result of an earlier run out of the way.
+/// Moves the result of an earlier run out of the way. Another run in the same session may do so, too.
 void keepPredecessor(const std::string& fileName) {
-    if (!exists(fileName)) {
-        return;
-    }
-    std::string keptName;
-    int number = 1;
-    do {
-        keptName = fileName + (boost::format(".%1%") % number++).str();
-    } while (exists(keptName));
-    if (std::rename(fileName.c_str(), keptName.c_str()) != 0) {
-        throw KORVA_EXC(CantRenameFile) % fileName % keptName % std::strerror(errno);
+    for (int number = 1;; ++number) {
+        const std::string keptName = fileName + (boost::format(".%1%") % number).str();
+        const int error = moveAside(fileName, keptName);
+        if (error == 0 || error == ENOENT) {
+            return;
+        }
+        if (error != EEXIST) {
+            throw KORVA_EXC(CantRenameFile) % fileName % keptName % std::strerror(error);
+        }
     }
 }
 

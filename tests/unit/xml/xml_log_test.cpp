@@ -12,7 +12,30 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <cerrno>
 #include <cstdlib>
+#include <functional>
+
+namespace {
+
+std::function<int()> failingRename;  // what the next renameat2() fails with, if anything
+
+}  // namespace
+
+// The linker gives calls of a function f to __wrap_f, and calls of __real_f to f (ld's --wrap).
+extern "C" {
+// NOLINTBEGIN(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp)
+int __real_renameat2(int fromDirectory, const char* from, int toDirectory, const char* to, unsigned flags);
+
+int __wrap_renameat2(int fromDirectory, const char* from, int toDirectory, const char* to, unsigned flags) {
+    if (failingRename) {
+        errno = failingRename();
+        return -1;
+    }
+    return __real_renameat2(fromDirectory, from, toDirectory, to, flags);
+}
+// NOLINTEND(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp)
+}
 
 namespace korva {
 namespace {
@@ -51,6 +74,7 @@ class ResultLog : public testing::Test {
   protected:
     // Identifiers are drawn from rand(): with a fixed seed they are those of the golden documents.
     ResultLog() { std::srand(1); }
+    ~ResultLog() override { failingRename = nullptr; }
 
     std::string document() const { return readFile(session / "migration.result"); }
 
@@ -244,6 +268,31 @@ TEST_F(ResultLog, TakesTheFirstNumberThatIsFree) {
     EXPECT_EQ(readFile(session / "migration.result.1"), "one");
     EXPECT_EQ(readFile(session / "migration.result.2"), "old");
     EXPECT_EQ(readFile(session / "migration.result.3"), "three");
+}
+
+TEST_F(ResultLog, TakesTheNextNumberWhenAnotherRunHasJustTakenOne) {
+    writeFile(session / "migration.result", "old");
+    failingRename = [] {
+        failingRename = nullptr;
+        return EEXIST;
+    };
+    const XmlLog log("");
+    EXPECT_THAT(SessionDir::files(), ElementsAre("migration.result.2"));
+}
+
+TEST_F(ResultLog, DoesNotMindThatAnotherRunHasJustMovedItsPredecessor) {
+    writeFile(session / "migration.result", "old");
+    failingRename = [] { return ENOENT; };
+    EXPECT_NO_THROW(XmlLog(""));
+}
+
+TEST_F(ResultLog, LooksForAFreeNumberWhereRenamingMayReplace) {
+    writeFile(session / "migration.result", "old");
+    writeFile(session / "migration.result.1", "one");
+    failingRename = [] { return EINVAL; };
+    const XmlLog log("");
+    EXPECT_EQ(readFile(session / "migration.result.1"), "one");
+    EXPECT_EQ(readFile(session / "migration.result.2"), "old");
 }
 
 TEST_F(ResultLog, TakesDanglingLinksForExistingFiles) {
