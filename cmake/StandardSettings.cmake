@@ -19,6 +19,12 @@ if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
   # ccache can only use precompiled headers whose times it may ignore.
   target_compile_options(standard_settings INTERFACE -fpch-preprocess)
 endif()
+# Checks of what users run; they need an optimising compiler and cost little.
+if(CMAKE_BUILD_TYPE MATCHES "^Rel")
+  target_compile_options(standard_settings INTERFACE -fstack-protector-strong -fstack-clash-protection)
+  target_compile_definitions(standard_settings INTERFACE _FORTIFY_SOURCE=2)
+  target_link_options(standard_settings INTERFACE -pie -Wl,-z,relro,-z,now)
+endif()
 if(TALLOWICK_SANITIZE)
   target_compile_options(standard_settings INTERFACE
     -fsanitize=address,undefined -fno-sanitize-recover=all -fno-omit-frame-pointer)

@@ -4,6 +4,9 @@
 #include "tallowick/exit_status.h"
 #include "xml/text_msg_formatter.h"
 
+#include <sys/prctl.h>
+#include <sys/resource.h>
+
 #include <csignal>
 #include <exception>
 #include <iostream>
@@ -21,10 +24,18 @@ void prepareSignals() {
     std::ignore = std::signal(SIGXFSZ, SIG_IGN);
 }
 
+// A core dump would hold the passwords, wherever the kernel sends it.
+void forbidCoreDumps() {
+    const rlimit none{0, 0};
+    std::ignore = setrlimit(RLIMIT_CORE, &none);  // lowering a limit is always allowed
+    std::ignore = prctl(PR_SET_DUMPABLE, 0);
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
     prepareSignals();
+    forbidCoreDumps();
     try {
         return korva::real_main(argc, argv);
     } catch (const korva::ExTraceable& error) {

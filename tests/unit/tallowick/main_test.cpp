@@ -7,6 +7,9 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <sys/prctl.h>
+#include <sys/resource.h>
+
 #include <csignal>
 #include <functional>
 #include <iostream>
@@ -50,6 +53,20 @@ std::string complaintAfter(const std::function<void()>& failure) {
     const CapturedStream error(std::cerr);
     EXPECT_EQ(1, runMain());
     return error.str();
+}
+
+TEST(Main, LeavesNoCoreDump) {
+    EXPECT_EQ(0, statusOfChild([] {
+                  realMain = [](int, char**) {
+                      rlimit cores{};
+                      EXPECT_EQ(0, getrlimit(RLIMIT_CORE, &cores));
+                      EXPECT_EQ(0U, cores.rlim_cur);
+                      EXPECT_EQ(0U, cores.rlim_max);
+                      EXPECT_EQ(0, prctl(PR_GET_DUMPABLE));
+                      return 0;
+                  };
+                  EXPECT_EQ(0, runMain());
+              }));
 }
 
 TEST(Main, ReturnsTheStatusOfTheRunAndPassesTheCommandLineOn) {
