@@ -9,6 +9,7 @@
 #include <filesystem>
 #include <fstream>
 #include <string_view>
+#include <utility>
 
 namespace korva {
 namespace {
@@ -66,7 +67,8 @@ Agent::Values Agent::parse(const std::string& specPath) {
     return values;
 }
 
-Agent::Agent(const std::string& name, const std::string& specPath) : name_(name), values_(parse(specPath)) {
+Agent::Agent(std::string name, const std::string& specPath)
+    : name_(std::move(name)), values_(parse(specPath)) {
     agentCategory().debugStream() << "Agent " << name_;
     logContents();
 }

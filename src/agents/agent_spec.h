@@ -25,7 +25,7 @@ class Agent {
     /// ParseFailed for a line without a colon and for an unknown key; there are no comments.
     static Values parse(const std::string& specPath);
 
-    Agent(const std::string& name, const std::string& specPath);
+    Agent(std::string name, const std::string& specPath);
 
     const std::string& name() const { return name_; }
     const std::string& description() const { return values_[kDescription]; }
