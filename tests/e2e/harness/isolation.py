@@ -30,10 +30,10 @@ def with_writable_root(directory):
         done
         [ ! -e {directory}.files ] || cp -a {directory}.files/. {directory}/root/
     """
-    return ["unshare", "--mount", "sh", "-e", "-c",
+    return ["unshare", "--mount", "--propagation", "unchanged", "sh", "-e", "-c",
             textwrap.dedent(lines) + f'chroot {directory}/root "$@" || status=$?\n'
             f'ls -1 {directory}/root >{directory}.left\nexit ${{status:-0}}', "sh"]
 
 
 def _with_mounts(commands):
-    return ["unshare", "--mount", "sh", "-e", "-c", commands + '; exec "$@"', "sh"]
+    return ["unshare", "--mount", "--propagation", "unchanged", "sh", "-e", "-c", commands + '; exec "$@"', "sh"]
