@@ -21,6 +21,12 @@ constexpr long kServerSilenceLimitMs = 120000;
 constexpr unsigned kWindowSize = 65536;
 constexpr unsigned kPacketSize = 16384;
 
+// What libssh2 calls "Unable to exchange encryption keys" when it finds no algorithm that both sides know.
+constexpr const char* kNothingInCommon =
+    "The server and this program's SSH library have no key exchange, host key, cipher or MAC method in "
+    "common. A server that has an RSA host key only is such a case: the library knows RSA signatures with "
+    "SHA-1 only, which such servers no longer offer";
+
 log4cpp::Category& category() {
     return log4cpp::Category::getInstance("k.libssh2pp.Session");
 }
@@ -90,9 +96,13 @@ void Session::start(bool noEncryption) {
     }
     // libssh2 itself would wait for ever, here and for each step of the authentication.
     libssh2_session_set_timeout(get(), kServerSilenceLimitMs);
-    if (libssh2_session_startup(get(), socket_) != 0) {
+    if (const int result = libssh2_session_startup(get(), socket_); result != 0) {
         const std::string reason = lastError();
         category().errorStream() << "SSH session was not started: " << reason;
+        // The compatibility mode offers less than the first start, so there it would mislead.
+        if (result == LIBSSH2_ERROR_KEX_FAILURE && !compatibility_) {
+            category().errorStream() << kNothingInCommon;
+        }
         throw KORVA_EXC(UnableToStartSshSession) % reason;
     }
     const char* const cipher = libssh2_session_methods(get(), LIBSSH2_METHOD_CRYPT_SC);

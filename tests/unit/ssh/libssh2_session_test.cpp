@@ -126,6 +126,31 @@ TEST_F(SessionStart, FailsWithTheLibrarysMessageAndFreesTheSession) {
     EXPECT_EQ(1, fake.sessionsFreed);
 }
 
+const char* const kNothingInCommon =
+    "The server and this program's SSH library have no key exchange, host key, cipher or MAC method in "
+    "common. A server that has an RSA host key only is such a case: the library knows RSA signatures with "
+    "SHA-1 only, which such servers no longer offer";
+
+TEST_F(SessionStart, TellsAtErrorLevelThatNoMethodIsCommonToBothSides) {
+    fake.startup = {LIBSSH2_ERROR_KEX_FAILURE};
+    EXPECT_THROW(start(), Exc<&UnableToStartSshSession>);
+    EXPECT_THAT(log.records(), Contains(errorRecord(kCategory, kNothingInCommon)));
+}
+
+TEST_F(SessionStart, TellsOfNoCommonMethodOnlyWhereAllMethodsWereOffered) {
+    fake.startup = {LIBSSH2_ERROR_KEX_FAILURE};
+    EXPECT_THROW(start(false, true), Exc<&UnableToStartSshSession>);
+    EXPECT_THAT(log.records(), Not(Contains(errorRecord(kCategory, kNothingInCommon))));
+}
+
+TEST_F(SessionStart, TellsOfNoCommonMethodForNoOtherFailure) {
+    for (const int error : {LIBSSH2_ERROR_KEY_EXCHANGE_FAILURE, LIBSSH2_ERROR_SOCKET_RECV}) {
+        fake.startup = {error};
+        EXPECT_THROW(start(), Exc<&UnableToStartSshSession>);
+    }
+    EXPECT_THAT(log.records(), Not(Contains(errorRecord(kCategory, kNothingInCommon))));
+}
+
 TEST_F(SessionStart, FailsEvenWhenTheLibraryHasNoMessage) {
     fake.startup = {LIBSSH2_ERROR_SOCKET_RECV};
     EXPECT_THROW(start(), Exc<&UnableToStartSshSession>);
