@@ -10,10 +10,14 @@ packages_of() { # GROUP
             echo g++ cmake ninja-build ccache pkg-config libssh2-1-dev libssl-dev zlib1g-dev libxml2-dev libidn-dev \
                 liblog4cpp5-dev libboost-dev libgtest-dev libgmock-dev ;;
         test)
-            echo python3 python3-pytest python3-paramiko openssh-server openssh-client sudo \
+            echo python3 python3-pytest python3-paramiko openssh-server openssh-client dropbear-bin sudo \
                 perl iproute2 util-linux dash bash libxml2-utils procps ;;
         tools)
             echo clang clang-tidy clang-format ;;
+        fuzz)
+            echo clang libclang-rt-dev ;;
+        coverage)
+            echo gcovr ;;
         *)
             echo "no such group of packages: $1" >&2
             return 1 ;;

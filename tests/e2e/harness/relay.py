@@ -1,18 +1,23 @@
 # SPDX-License-Identifier: Apache-2.0
-"""A TCP relay that delays, cuts, resets, half-closes, stalls or drips a connection at an exact byte."""
+"""A TCP relay that delays, cuts, resets, half-closes, stalls, pauses or drips a connection at an exact byte."""
 
 import collections
-import ctypes
 import socket
-import struct
 import threading
 import time
 from dataclasses import dataclass
 
-FIN = "fin"  # both connections are closed in good order
-RST = "rst"  # the client's connection is reset
+from harness import tcp
+
+FIN = "cut"  # both connections are closed in good order
+RST = "reset"  # the client's connection is reset
 HALF_CLOSE = "half-close"  # the client reads an end of file, what it writes still gets through
 STALL = "stall"  # not a byte more, but the connection stays
+PAUSE = "pause"  # not a byte for a while, then everything
+DRIP = "drip"  # everything, a byte at a time
+
+PAUSE_S = 2.0
+DRIP_PIECE = (1, 0.001)  # bytes, seconds
 
 
 @dataclass(frozen=True)
@@ -58,9 +63,13 @@ class RelayedConnection:
                     head = data[:fault.at - self.counts[name]]
                     self._pass(chunks, name, head)
                     chunks.drain()
-                    if self.act(fault.kind, name):
+                    if fault.kind in (PAUSE, DRIP):
+                        self._slow_down(fault, chunks)
+                        fault, data = None, data[len(head):]
+                    elif self.act(fault.kind, name):
                         return
-                    continue
+                    else:
+                        continue
                 if not data:
                     chunks.drain()
                     sink.shutdown(socket.SHUT_WR)
@@ -77,14 +86,25 @@ class RelayedConnection:
             self.streams[name] += data
         chunks.send(data)
 
+    def _slow_down(self, fault, chunks):
+        self._tell(fault.kind, fault.stream)
+        if fault.kind == DRIP:
+            chunks.drip = DRIP_PIECE
+        else:
+            time.sleep(PAUSE_S)
+
+    def _tell(self, kind, name):
+        self._relay.note("fault", f"{kind} at byte {self.counts[name]} of the {name}'s stream")
+
     def act(self, kind, name):
         """Carries a fault out on one side's stream, now; true when that direction ends with it."""
         self.cut.set()
+        self._tell(kind, name)
         if kind == FIN:
             self.close()
             return True
         if kind == RST:
-            reset(self.client)
+            tcp.reset(self.client)
             self.server.close()
             return True
         if kind == HALF_CLOSE:
@@ -96,28 +116,16 @@ class RelayedConnection:
     def close(self):
         """Closes both connections in good order."""
         for end in (self.client, self.server):
-            try:
-                end.shutdown(socket.SHUT_RDWR)
-            except OSError:
-                pass  # not connected any more
-
-
-def reset(end):
-    """Ends a connection with RST. A close alone would wait for the thread that sits in recv()."""
-    end.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, struct.pack("ii", 1, 0))
-    # connect() to AF_UNSPEC sends the RST at once, whoever else still uses the descriptor; Python's own
-    # connect cannot express it.
-    address = struct.pack("H14x", socket.AF_UNSPEC)
-    ctypes.CDLL(None).connect(end.fileno(), address, len(address))
+            tcp.hang_up(end)
 
 
 class _DelayedSink:
     """Sends chunks in order, each `delay` seconds after it came, at once when the delay is 0."""
 
     def __init__(self, sink, delay, drip):
+        self.drip = drip
         self._sink = sink
         self._delay = delay
-        self._drip = drip
         self._queue = collections.deque()
         self._changed = threading.Condition()
         self._closed = False
@@ -133,10 +141,10 @@ class _DelayedSink:
             self._changed.notify_all()
 
     def _send_now(self, data):
-        if not self._drip:
+        if not self.drip:
             self._sink.sendall(data)
             return
-        size, pause = self._drip
+        size, pause = self.drip
         for start in range(0, len(data), size):
             self._sink.sendall(data[start:start + size])
             time.sleep(pause)
@@ -172,23 +180,21 @@ class _DelayedSink:
             self._changed.notify_all()
 
 
-class Relay:
-    """Listens on a port of its own and relays each connection to `target_port`.
+class Relay(tcp.TcpServer):
+    """Listens on a port of its own and relays each connection to `target_port` of `target_host`.
 
-    `delay` seconds in each direction; `drip` is (bytes, seconds) per piece; `faults` as above. With `record`
-    the bytes of both streams are kept in `connections`.
+    `delay` seconds in each direction; `drip` is (bytes, seconds) per piece; `faults` as above, one for each stream of
+    a connection. With `record` the bytes of both streams are kept in `connections`. `listen` as for `TcpServer`.
     """
 
-    def __init__(self, target_port, *faults, delay=0.0, drip=None, record=False, address="127.0.0.1"):
-        self._target = (address, target_port)
+    def __init__(self, target_port, *faults, delay=0.0, drip=None, record=False, target_host="127.0.0.1", **listen):
+        self._target = (target_host, target_port)
         self._faults = faults
         self.delay = delay
         self.drip = drip
         self.record = record
         self.connections = []
-        self._listener = socket.create_server((address, 0), backlog=100)
-        self.port = self._listener.getsockname()[1]
-        threading.Thread(target=self._accept, daemon=True).start()
+        super().__init__(**listen)
 
     def fault_for(self, connection, name):
         """The fault that is planned for one stream of one connection, if any."""
@@ -197,29 +203,19 @@ class Relay:
                 return fault
         return None
 
-    def _accept(self):
-        while True:
-            try:
-                client, _ = self._listener.accept()
-            except OSError:
-                return  # closed
+    def _serve(self, client):
+        self.note("connection", len(self.connections))
+        try:
             server = socket.create_connection(self._target)
-            for end in (client, server):
-                end.setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
-            connection = RelayedConnection(self, len(self.connections), client, server)
-            self.connections.append(connection)
-            connection.start()
+        except OSError as error:
+            self.note("not connected", str(error))
+            client.close()
+            return
+        server.setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
+        connection = RelayedConnection(self, len(self.connections), client, server)
+        self.connections.append(connection)
+        connection.start()
 
-    def stop(self):
-        """Ends the relay and every connection that is still open."""
-        # A blocked accept() is woken by shutdown, not by close.
-        self._listener.shutdown(socket.SHUT_RDWR)
-        self._listener.close()
+    def _end_connections(self):
         for connection in self.connections:
             connection.close()
-
-    def __enter__(self):
-        return self
-
-    def __exit__(self, *_):
-        self.stop()

@@ -9,7 +9,7 @@ import paramiko
 from paramiko.common import (MSG_CHANNEL_FAILURE, MSG_CHANNEL_SUCCESS, cMSG_CHANNEL_REQUEST,
                              cMSG_DISCONNECT)
 
-from harness import relay
+from harness import tcp
 
 _HOST_KEY = paramiko.ECDSAKey.generate()
 
@@ -22,13 +22,23 @@ def _exit_0(run):
 class Script:
     """What the server does; every field has the meaning of an ordinary, friendly server."""
 
+    # Lines before the protocol's own, the keys of the server, and the algorithms that it does without (as paramiko
+    # takes them: {"keys": ["ssh-rsa"]}).
+    greeting: bytes = b""
+    host_keys: list = field(default_factory=lambda: [_HOST_KEY])
+    without: dict = field(default_factory=dict)
+    # Text to show before the login.
+    banner: str | None = None
     # What "userauth_list" gets; None accepts the method "none".
     methods: str | None = "password"
+    # The one login that can succeed; any when None.
+    login: str | None = None
     # Called with the password; true accepts it.
     password: object = lambda password: True
     # Rounds of keyboard-interactive prompts, each a list of (text, echo), and what is made of the answers.
     prompts: list = field(default_factory=lambda: [[("Password: ", False)]])
     answers: object = lambda answers: True
+    accepts_channels: bool = True
     # Called with the command line; true grants "exec". What happens then: called with a Run, in a thread of its own.
     accepts_exec: object = lambda command: True
     run: object = _exit_0
@@ -120,8 +130,8 @@ class _Corked:
 class _Transport(paramiko.Transport):
     """Tells when the reply to a request has left, so that a command's output never overtakes it."""
 
-    def __init__(self, sock):
-        super().__init__(sock)
+    def __init__(self, sock, without):
+        super().__init__(sock, disabled_algorithms=without)
         self.replied = threading.Event()
 
     def _send_user_message(self, data):
@@ -131,11 +141,15 @@ class _Transport(paramiko.Transport):
 
 
 class _Session(paramiko.ServerInterface):
-    def __init__(self, server, transport):
+    def __init__(self, server, transport, script):
         self._server = server
-        self._script = server.script
+        self._script = script
         self._transport = transport
-        self._rounds = list(self._script.prompts)
+        self._rounds = list(script.prompts)
+        self._known = True
+
+    def get_banner(self):
+        return self._script.banner, "en"
 
     def get_allowed_auths(self, username):
         return self._script.methods or ""
@@ -145,10 +159,12 @@ class _Session(paramiko.ServerInterface):
 
     def check_auth_password(self, username, password):
         self._server.note("password", password)
+        self._meet(username)
         return self._verdict(self._script.password(password))
 
     def check_auth_interactive(self, username, submethods):
         self._server.note("keyboard-interactive", username)
+        self._meet(username)
         return self._next_round()
 
     def check_auth_interactive_response(self, responses):
@@ -163,12 +179,16 @@ class _Session(paramiko.ServerInterface):
             query.add_prompt(text, echo)
         return query
 
-    @staticmethod
-    def _verdict(good):
-        return paramiko.AUTH_SUCCESSFUL if good else paramiko.AUTH_FAILED
+    def _meet(self, login):
+        self._known = self._script.login in (None, login)
+
+    def _verdict(self, good):
+        return paramiko.AUTH_SUCCESSFUL if good and self._known else paramiko.AUTH_FAILED
 
     def check_channel_request(self, kind, chanid):
-        return paramiko.OPEN_SUCCEEDED
+        if self._script.accepts_channels:
+            return paramiko.OPEN_SUCCEEDED
+        return paramiko.OPEN_FAILED_ADMINISTRATIVELY_PROHIBITED
 
     def check_channel_exec_request(self, channel, command):
         self._server.note("exec", command)
@@ -187,65 +207,43 @@ class _Session(paramiko.ServerInterface):
             self._server.note("ended", str(error))
 
 
-class ScriptedServer:
-    """Listens on a port of its own; `events` are pairs of what happened and its detail."""
+class ScriptedServer(tcp.TcpServer):
+    """Listens on a port of its own and does on each connection what `script` says: a `Script`, or a function that
+    gives one for the number of a connection. `listen` as for `TcpServer`."""
 
-    def __init__(self, script=None):
-        self.script = script or Script()
-        self.events = []
+    def __init__(self, script=None, **listen):
+        self._script = script or Script()
         self._transports = []
-        self._listener = socket.create_server(("127.0.0.1", 0), backlog=100)
-        self.port = self._listener.getsockname()[1]
-        threading.Thread(target=self._accept, daemon=True).start()
-
-    def note(self, what, detail):
-        self.events.append((what, detail))
-
-    def details(self, what):
-        """The details of every event of one kind, in their order."""
-        return [detail for name, detail in self.events if name == what]
+        super().__init__(**listen)
 
     def commands(self):
         """The command lines that the server was asked to run."""
         return self.details("exec")
 
-    def _accept(self):
-        while True:
-            try:
-                client, _ = self._listener.accept()
-            except OSError:
-                return  # closed
-            client.setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
-            self.note("connection", None)
-            transport = _Transport(client)
-            self._transports.append(transport)
-            transport.add_server_key(_HOST_KEY)
-            try:
-                transport.start_server(event=threading.Event(), server=_Session(self, transport))
-            except (OSError, EOFError, paramiko.SSHException) as error:
-                self.note("not started", str(error))
+    def _serve(self, client):
+        number = len(self._transports)
+        self.note("connection", number)
+        script = self._script(number) if callable(self._script) else self._script
+        transport = _Transport(client, script.without)
+        self._transports.append(transport)
+        for key in script.host_keys:
+            transport.add_server_key(key)
+        try:
+            client.sendall(script.greeting)
+            transport.start_server(event=threading.Event(), server=_Session(self, transport, script))
+        except (OSError, EOFError, paramiko.SSHException) as error:
+            self.note("not started", str(error))
 
     def drop(self, transport=None):
         """Closes one connection, or all of them, without a word."""
         for each in [transport] if transport else self._transports:
-            try:
-                each.sock.shutdown(socket.SHUT_RDWR)
-            except OSError:
-                pass  # not connected any more
+            tcp.hang_up(each.sock)
 
     def reset(self, transport=None):
         """Resets one connection, or all of them."""
         for each in [transport] if transport else self._transports:
-            relay.reset(each.sock)
+            tcp.reset(each.sock)
 
-    def stop(self):
-        self._listener.shutdown(socket.SHUT_RDWR)
-        self._listener.close()
+    def _end_connections(self):
         for transport in self._transports:
             transport.close()
-
-    def __enter__(self):
-        return self
-
-    def __exit__(self, *_):
-        self.stop()

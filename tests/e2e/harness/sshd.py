@@ -8,6 +8,7 @@ import subprocess
 
 from harness.places import make_dir, write
 from harness.processes import descendants, kill_tree
+from harness.tcp import greets
 from harness.waiting import wait_until
 
 _PAM = "auth required pam_unix.so nodelay\naccount required pam_unix.so\nsession required pam_permit.so\n"
@@ -84,11 +85,7 @@ class SshServer:
     def _answers(self):
         if self._process.poll() is not None:
             raise AssertionError("sshd has ended")
-        try:
-            with socket.create_connection((self.address, self.port), timeout=5) as probe:
-                return probe.recv(4) == b"SSH-"
-        except OSError:
-            return False
+        return greets(self.address, self.port)
 
     def log(self):
         """The server's own log so far."""
