@@ -4,8 +4,10 @@
 #include "tallowick/exit_status.h"
 #include "xml/text_msg_formatter.h"
 
+#include <fcntl.h>
 #include <sys/prctl.h>
 #include <sys/resource.h>
+#include <unistd.h>
 
 #include <csignal>
 #include <exception>
@@ -13,6 +15,17 @@
 #include <tuple>
 
 namespace {
+
+// Whoever started the program may have closed them. A document or the connection must not get their numbers,
+// or messages would be written into it. What takes their place can be neither read nor written: output that
+// nobody gets is an error, as it would be without.
+bool reserveStandardDescriptors() {
+    int fd = 0;
+    do {
+        fd = open("/", O_PATH);
+    } while (fd >= STDIN_FILENO && fd <= STDERR_FILENO);
+    return fd > STDERR_FILENO && close(fd) == 0;
+}
 
 // Whoever started the program may have blocked signals; its disconnected pipes and file size limits are to
 // come back as errors of write(2).
@@ -34,6 +47,9 @@ void forbidCoreDumps() {
 }  // namespace
 
 int main(int argc, char** argv) {
+    if (!reserveStandardDescriptors()) {
+        return korva::kExitUsage;
+    }
     prepareSignals();
     forbidCoreDumps();
     try {

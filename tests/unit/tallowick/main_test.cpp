@@ -7,9 +7,12 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <fcntl.h>
 #include <sys/prctl.h>
 #include <sys/resource.h>
+#include <unistd.h>
 
+#include <cerrno>
 #include <csignal>
 #include <functional>
 #include <iostream>
@@ -64,6 +67,54 @@ TEST(Main, LeavesNoCoreDump) {
                       EXPECT_EQ(0U, cores.rlim_max);
                       EXPECT_EQ(0, prctl(PR_GET_DUMPABLE));
                       return 0;
+                  };
+                  EXPECT_EQ(0, runMain());
+              }));
+}
+
+TEST(Main, TakesTheNumbersOfClosedStandardDescriptors) {
+    for (unsigned closed = 0; closed < 8; ++closed) {
+        const int status = statusOfChild([closed] {
+            for (int fd = 0; fd < 3; ++fd) {
+                if ((closed >> fd & 1) != 0) {
+                    close(fd);
+                }
+            }
+            realMain = [](int, char**) {
+                const int next = open("/dev/null", O_RDONLY | O_CLOEXEC);
+                EXPECT_GT(next, STDERR_FILENO);
+                return close(next);
+            };
+            EXPECT_EQ(0, runMain());
+        });
+        EXPECT_EQ(0, status) << closed;
+    }
+}
+
+TEST(Main, LetsNobodyReadOrWriteWhatStandsInForClosedDescriptors) {
+    EXPECT_EQ(0, statusOfChild([] {
+                  close(STDIN_FILENO);
+                  close(STDOUT_FILENO);
+                  realMain = [](int, char**) {
+                      char byte = 'x';
+                      EXPECT_EQ(-1, read(STDIN_FILENO, &byte, 1));
+                      EXPECT_EQ(EBADF, errno);
+                      EXPECT_EQ(-1, write(STDOUT_FILENO, &byte, 1));
+                      EXPECT_EQ(EBADF, errno);
+                      return 0;
+                  };
+                  EXPECT_EQ(0, runMain());
+              }));
+}
+
+TEST(Main, LeavesNoDescriptorOpenBesideTheStandardOnes) {
+    EXPECT_EQ(0, statusOfChild([] {
+                  const int before = open("/dev/null", O_RDONLY | O_CLOEXEC);
+                  close(before);
+                  realMain = [before](int, char**) {
+                      const int next = open("/dev/null", O_RDONLY | O_CLOEXEC);
+                      EXPECT_EQ(before, next);
+                      return close(next);
                   };
                   EXPECT_EQ(0, runMain());
               }));
