@@ -118,7 +118,8 @@ void syncDescriptor(int fd, const std::string& name) {
 }
 
 void syncFile(const std::string& path) {
-    syncPath(path, 0);
+    // Others may be able to write in its directory: no link is followed, no FIFO's other end awaited.
+    syncPath(path, O_NOFOLLOW | O_NONBLOCK | O_NOCTTY);
 }
 
 void syncDirectoryOf(const std::string& path) {

@@ -4,8 +4,6 @@
 #include "commons/session.h"
 #include "xml/message_formatters.h"
 
-#include <boost/format.hpp>
-
 #include <fcntl.h>
 #include <sys/stat.h>
 
@@ -30,7 +28,7 @@ bool exists(const std::string& path) {
 }
 
 /// Renames without replacing anything: 0, or the errno value.
-int moveAside(const std::string& from, const std::string& to) {
+int renameToFreeName(const std::string& from, const std::string& to) {
     if (::renameat2(AT_FDCWD, from.c_str(), AT_FDCWD, to.c_str(), RENAME_NOREPLACE) == 0) {
         return 0;
     }
@@ -47,9 +45,10 @@ int moveAside(const std::string& from, const std::string& to) {
 /// Moves the result of an earlier run out of the way. Another run in the same session may do so, too.
 void keepPredecessor(const std::string& fileName) {
     for (int number = 1;; ++number) {
-        const std::string keptName = fileName + (boost::format(".%1%") % number).str();
-        const int error = moveAside(fileName, keptName);
-        if (error == 0 || error == ENOENT) {
+        const std::string keptName = fileName + "." + std::to_string(number);
+        const int error = renameToFreeName(fileName, keptName);
+        // A read-only file system says so even where there is nothing to be moved.
+        if (error == 0 || !exists(fileName)) {
             return;
         }
         if (error != EEXIST) {
@@ -132,6 +131,15 @@ void XmlLog::close() {
     closed_ = true;
     addAttribute(root(), "status", success_ ? "success" : "error");
     saveToFileAtomically(fileName_, Durability::kFlushed);
+}
+
+// Of several runs in one session each may be the one that ends last.
+int XmlLog::putInPlace(const std::string& temporary, const std::string& path) const {
+    int error = 0;
+    while ((error = renameToFreeName(temporary, path)) == EEXIST) {
+        keepPredecessor(path);
+    }
+    return error;
 }
 
 }  // namespace korva

@@ -26,11 +26,15 @@ class XmlLog : public Log, public tXmlDvxDocument {
     void popObject() override;
     std::size_t getDepth() const override;
 
-    /// Completes the document and writes it, flushed to the disk. To be called once: whether it succeeds or
-    /// not, the document is not written again. Throws what saveToFileAtomically() throws.
+    /// Completes the document and writes it, flushed to the disk. What another run in the same session has
+    /// written under the name meanwhile is kept, too. To be called once: whether it succeeds or not, the
+    /// document is not written again. Throws what saveToFileAtomically() throws.
     void close();
 
     const std::string& fileName() const { return fileName_; }
+
+  protected:
+    int putInPlace(const std::string& temporary, const std::string& path) const override;
 
   private:
     bool success_ = false;

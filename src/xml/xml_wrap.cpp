@@ -102,7 +102,9 @@ bool writeAll(int fd, std::string_view bytes) {
 }
 
 bool writeFile(const char* fileName, const std::string& bytes) {
-    const int fd = ::open(fileName, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
+    // Others may be able to write in the directory: a link is not followed, nor the reader of a FIFO awaited.
+    const int fd =
+        ::open(fileName, O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC, 0666);
     if (fd == -1) {
         return false;
     }
@@ -194,12 +196,16 @@ void tXmlDocument::saveToFileAtomically(const std::filesystem::path& path, Durab
         // Before the rename, or a power failure could leave an empty file under the name.
         flush(&syncFile, temporary);
     }
-    if (std::rename(temporary.c_str(), path.c_str()) != 0) {
-        throw KORVA_EXC(CantRenameFile) % temporary % path.string() % std::strerror(errno);
+    if (const int error = putInPlace(temporary, path.string()); error != 0) {
+        throw KORVA_EXC(CantRenameFile) % temporary % path.string() % std::strerror(error);
     }
     if (durability == Durability::kFlushed) {
         flush(&syncDirectoryOf, path.string());
     }
+}
+
+int tXmlDocument::putInPlace(const std::string& temporary, const std::string& path) const {
+    return std::rename(temporary.c_str(), path.c_str()) == 0 ? 0 : errno;
 }
 
 void tXmlDocument::saveToStream(std::ostream& stream) const {

@@ -43,7 +43,8 @@ class tXmlDocument {
     /// Replaces `path` as a whole by a file of mode 0600 that belongs to the panel's account: readers see the
     /// old document or the new one. Throws CantCreateTempFile, tError_SaveFile, CantTakeFileOwnership (also
     /// when there is no such account) and CantRenameFile. A temporary file that did
-    /// not get its final name stays beside `path`.
+    /// not get its final name stays beside `path`. A link or FIFO that somebody puts in the place of the
+    /// temporary file is neither followed nor waited for.
     void saveToFileAtomically(const std::filesystem::path& path, Durability durability) const;
     /// Throws tError_SaveFile when the stream fails.
     void saveToStream(std::ostream& stream) const;
@@ -58,6 +59,11 @@ class tXmlDocument {
     void createNewDoc();
 
     const std::shared_ptr<xmlDoc>& doc() const { return doc_; }
+
+  protected:
+    /// How saveToFileAtomically() gives the finished file its final name: by default it replaces what has it.
+    /// Returns 0, or the errno value.
+    virtual int putInPlace(const std::string& temporary, const std::string& path) const;
 
   private:
     std::shared_ptr<xmlDoc> doc_;

@@ -282,8 +282,23 @@ TEST_F(ResultLog, TakesTheNextNumberWhenAnotherRunHasJustTakenOne) {
 
 TEST_F(ResultLog, DoesNotMindThatAnotherRunHasJustMovedItsPredecessor) {
     writeFile(session / "migration.result", "old");
-    failingRename = [] { return ENOENT; };
+    failingRename = [this] {
+        std::filesystem::remove(session / "migration.result");
+        return ENOENT;
+    };
     EXPECT_NO_THROW(XmlLog(""));
+    failingRename = nullptr;
+}
+
+TEST_F(ResultLog, HasNoPredecessorToMoveOnAReadOnlyDiskWithoutOne) {
+    failingRename = [] { return EROFS; };
+    {
+        const XmlLog log("");
+        failingRename = nullptr;
+    }
+    writeFile(session / "migration.result", "old");
+    failingRename = [] { return EROFS; };
+    EXPECT_THROW(XmlLog(""), Exc<&CantRenameFile>);
 }
 
 TEST_F(ResultLog, LooksForAFreeNumberWhereRenamingMayReplace) {
@@ -328,9 +343,43 @@ TEST_F(ResultLog, IsNotWrittenAgainByItsEnd) {
     EXPECT_THAT(SessionDir::files(), ElementsAre());
 }
 
+TEST_F(ResultLog, KeepsWhatAnotherRunHasWrittenMeanwhile) {
+    XmlLog first("");
+    XmlLog second("");
+    XmlLog third("");
+    third.setSuccess(true);
+    first.close();
+    const std::string one = document();
+    second.close();
+    third.close();
+    EXPECT_THAT(SessionDir::files(),
+                ElementsAre("migration.result", "migration.result.1", "migration.result.2"));
+    EXPECT_EQ(readFile(session / "migration.result.1"), one);
+    EXPECT_THAT(document(), HasSubstr("status=\"success\""));
+}
+
+TEST_F(ResultLog, KeepsWhatAnotherRunHasWrittenWhereRenamingMayReplace) {
+    XmlLog log("");
+    writeFile(session / "migration.result", "other");
+    failingRename = [] { return EINVAL; };
+    log.close();
+    EXPECT_EQ(readFile(session / "migration.result.1"), "other");
+    EXPECT_THAT(document(), HasSubstr("<execution-result"));
+}
+
+TEST_F(ResultLog, TriesAgainWhenAnotherRunIsQuicker) {
+    XmlLog log("");
+    failingRename = [] {
+        failingRename = nullptr;
+        return EEXIST;
+    };
+    log.close();
+    EXPECT_THAT(SessionDir::files(), ElementsAre("migration.result"));
+}
+
 TEST_F(ResultLog, TellsAFailureToClose) {
     XmlLog log("");
-    std::filesystem::create_directory(session / "migration.result");
+    failingRename = [] { return EACCES; };
     EXPECT_THROW(log.close(), Exc<&CantRenameFile>);
 }
 
@@ -338,9 +387,9 @@ TEST_F(ResultLog, DoesNotTryAgainWhenItCouldNotBeClosed) {
     const NotedDebugLog debugLog;
     {
         XmlLog log("");
-        std::filesystem::create_directory(session / "migration.result");
+        failingRename = [] { return EACCES; };
         EXPECT_THROW(log.close(), Exc<&CantRenameFile>);
-        std::filesystem::remove(session / "migration.result");
+        failingRename = nullptr;
     }
     EXPECT_FALSE(std::filesystem::exists(session / "migration.result"));
     EXPECT_THAT(debugLog.texts, ElementsAre());
@@ -350,7 +399,7 @@ TEST_F(ResultLog, OnlyTellsTheDebugLogWhenItCannotBeClosedAtItsEnd) {
     const NotedDebugLog debugLog;
     {
         const XmlLog log("");
-        std::filesystem::create_directory(session / "migration.result");
+        failingRename = [] { return EACCES; };
     }
     EXPECT_THAT(debugLog.texts, ElementsAre(HasSubstr("Cannot rename ")));
 }
@@ -358,9 +407,9 @@ TEST_F(ResultLog, OnlyTellsTheDebugLogWhenItCannotBeClosedAtItsEnd) {
 TEST_F(ResultLog, SurvivesAFailureAtItsEndWithoutADebugLog) {
     {
         const XmlLog log("");
-        std::filesystem::create_directory(session / "migration.result");
+        failingRename = [] { return EACCES; };
     }
-    EXPECT_TRUE(std::filesystem::is_directory(session / "migration.result"));
+    EXPECT_FALSE(std::filesystem::exists(session / "migration.result"));
 }
 
 TEST(ResultLogNames, MayHoldPercentSigns) {

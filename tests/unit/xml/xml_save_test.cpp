@@ -17,6 +17,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <functional>
 #include <iostream>
 #include <sstream>
 
@@ -252,6 +253,63 @@ TEST(SaveXmlAtomically, LetsADerivedDocumentChangeHowItIsWritten) {
     const FakePanelAccount account(::geteuid(), ::getegid());
     Uppercase().saveToFileAtomically(dir / "small.xml", Durability::kCached);
     EXPECT_EQ(readFile(dir / "small.xml"), "<SMALL/>");
+}
+
+/// Somebody else who may write in the directory acts before and after the document is written.
+class Disturbed : public SmallDocument {
+  public:
+    using tXmlDvxDocument::saveToFile;
+    void saveToFile(const char* fileName) const override {
+        before(fileName);
+        SmallDocument::saveToFile(fileName);
+        after(fileName);
+    }
+    std::function<void(const std::string& fileName)> before = [](const std::string&) {};
+    std::function<void(const std::string& fileName)> after = [](const std::string&) {};
+};
+
+TEST(SaveXmlAtomically, DoesNotFollowALinkInThePlaceOfTheTemporaryFile) {
+    const TempDir dir;
+    const FakePanelAccount account(::geteuid(), ::getegid());
+    writeFile(dir / "precious", "precious");
+    Disturbed document;
+    document.before = [&](const std::string& fileName) {
+        std::filesystem::remove(fileName);
+        std::filesystem::create_symlink(dir / "precious", fileName);
+    };
+    EXPECT_THROW(document.saveToFileAtomically(dir / "small.xml", Durability::kFlushed),
+                 Exc<&tError_SaveFile>);
+    EXPECT_EQ(readFile(dir / "precious"), "precious");
+    EXPECT_FALSE(std::filesystem::exists(dir / "small.xml"));
+}
+
+TEST(SaveXmlAtomically, DoesNotWaitForTheReaderOfAFifoInThePlaceOfTheTemporaryFile) {
+    const TempDir dir;
+    const FakePanelAccount account(::geteuid(), ::getegid());
+    Disturbed document;
+    document.before = [](const std::string& fileName) {
+        std::filesystem::remove(fileName);
+        ASSERT_EQ(::mkfifo(fileName.c_str(), 0600), 0);
+    };
+    EXPECT_THROW(document.saveToFileAtomically(dir / "small.xml", Durability::kFlushed),
+                 Exc<&tError_SaveFile>);
+}
+
+TEST(SaveXmlAtomically, DoesNotFlushThroughALinkOrWaitForTheWriterOfAFifo) {
+    const TempDir dir;
+    const FakePanelAccount account(::geteuid(), ::getegid());
+    Disturbed document;
+    document.after = [](const std::string& fileName) {
+        std::filesystem::remove(fileName);
+        ASSERT_EQ(::mkfifo(fileName.c_str(), 0600), 0);
+    };
+    document.saveToFileAtomically(dir / "small.xml", Durability::kFlushed);
+    document.after = [&](const std::string& fileName) {
+        std::filesystem::remove(fileName);
+        std::filesystem::create_symlink(dir / "nowhere", fileName);
+    };
+    EXPECT_THROW(document.saveToFileAtomically(dir / "other.xml", Durability::kFlushed),
+                 Exc<&tError_SaveFile>);
 }
 
 TEST(SaveXmlAtomically, FailsWithoutThePanelsAccountAndLeavesTheTemporaryFile) {
