@@ -80,6 +80,10 @@ void throwMaskedIfItQuotesSecrets(const config& cfg) {
     secrets.add(cfg.sudo_password);
     std::ifstream file(cfg.selected_objects_file);
     const std::string text{std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
+    if (isConverted(text)) {
+        throw KORVA_EXC(tError_ParseFile) % cfg.selected_objects_file %
+            "It is not in UTF-8, so nothing of it is quoted\n";
+    }
     const std::string masked = secrets.mask(text);
     if (masked != text) {
         std::string messages;

@@ -12,6 +12,7 @@
 #include "tallowick/args_builder.h"
 #include "tallowick/name_record.h"
 #include "tallowick/retrieval_errors.h"
+#include "xml/xml_reader.h"
 
 #include <boost/algorithm/string/predicate.hpp>
 #include <boost/lexical_cast.hpp>
@@ -101,6 +102,9 @@ std::unique_ptr<AgentFileList> RetrieveContentAction::requestList() {
     try {
         return readList(text);
     } catch (const ExTraceable&) {  // it quotes the text
+        if (isConverted(text)) {
+            throw KORVA_EXC(CantRetrieveContentList) % "the list is not well-formed, and not in UTF-8";
+        }
         std::ignore = readList(shown(text));
         throw KORVA_EXC(CantRetrieveContentList) % "the list is not well-formed";
     }

@@ -1,66 +1,26 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "xml/xml_reader.h"
 
-#include "commons/handle.h"
 #include "xml/libxml_scope.h"
+#include "xml/xml_parser.h"
 
-#include <libxml/parser.h>
+#include <libxml/encoding.h>
 
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <cstddef>
 #include <cstring>
 #include <limits>
 
 namespace korva {
 namespace {
 
-constexpr int kOptions = XML_PARSE_NONET;
-
-// libxml2's own limits stop nested general entities only. Measured with 2.9.14: 440 kB with one entity used
-// in 20000 attribute values expand to 3.8 GB, and nested parameter entities keep the parser busy for hours.
-void refuseDeclaration(void* context) {
-    auto* parser = static_cast<xmlParserCtxtPtr>(context);
-    xmlParserError(parser, "declarations of entities and attributes are not accepted\n");
-    parser->wellFormed = 0;
-    xmlStopParser(parser);
+std::shared_ptr<xmlDoc> own(xmlDocPtr doc) {
+    return doc != nullptr ? std::shared_ptr<xmlDoc>(doc, &xmlFreeDoc) : nullptr;
 }
-
-void refuseEntity(void* context, const xmlChar* /*name*/, int /*type*/, const xmlChar* /*publicId*/,
-                  const xmlChar* /*systemId*/, xmlChar* /*content*/) {
-    refuseDeclaration(context);
-}
-
-// A default value is found in every element, so it multiplies as an entity does.
-void refuseAttribute(void* context, const xmlChar* /*element*/, const xmlChar* /*name*/, int /*type*/,
-                     int /*kind*/, const xmlChar* /*defaultValue*/, xmlEnumerationPtr values) {
-    xmlFreeEnumeration(values);  // a handler owns them
-    refuseDeclaration(context);
-}
-
-class Parser {
-  public:
-    Parser() : context_(xmlNewParserCtxt()) {
-        context_.get()->sax->entityDecl = &refuseEntity;
-        context_.get()->sax->attributeDecl = &refuseAttribute;
-    }
-
-    std::shared_ptr<xmlDoc> parse(const std::string& text) {
-        return own(xmlCtxtReadMemory(context_.get(), text.data(), static_cast<int>(text.size()), nullptr,
-                                     nullptr, kOptions));
-    }
-    std::shared_ptr<xmlDoc> parse(int fd, const char* fileName) {
-        return own(xmlCtxtReadFd(context_.get(), fd, fileName, nullptr, kOptions));
-    }
-
-  private:
-    static std::shared_ptr<xmlDoc> own(xmlDocPtr doc) {
-        return doc != nullptr ? std::shared_ptr<xmlDoc>(doc, &xmlFreeDoc) : nullptr;
-    }
-
-    Handle<xmlParserCtxtPtr, &xmlFreeParserCtxt> context_;
-};
 
 }  // namespace
 
@@ -70,7 +30,7 @@ std::shared_ptr<xmlDoc> parseXmlText(const std::string& text, std::string& messa
         return nullptr;
     }
     const LibxmlScope libxml;
-    std::shared_ptr<xmlDoc> doc = Parser().parse(text);
+    std::shared_ptr<xmlDoc> doc = own(XmlParser().parse(text));
     messages = libxml.messages();
     return doc;
 }
@@ -82,10 +42,24 @@ std::shared_ptr<xmlDoc> parseXmlFile(const char* fileName, std::string& messages
         return nullptr;
     }
     const LibxmlScope libxml;
-    std::shared_ptr<xmlDoc> doc = Parser().parse(fd, fileName);
+    std::shared_ptr<xmlDoc> doc = own(XmlParser().parse(fd, fileName));
     ::close(fd);
     messages = libxml.messages();
     return doc;
+}
+
+bool isConverted(const std::string& text) {
+    constexpr std::size_t kMark = 4;  // bytes that tell UTF-16, UTF-32 and EBCDIC
+    const xmlCharEncoding encoding = xmlDetectCharEncoding(reinterpret_cast<const xmlChar*>(text.data()),
+                                                           static_cast<int>(std::min(text.size(), kMark)));
+    if (encoding != XML_CHAR_ENCODING_NONE && encoding != XML_CHAR_ENCODING_UTF8) {
+        return true;
+    }
+    const LibxmlScope libxml;
+    XmlParser parser;
+    parser.keepNothing();
+    xmlFreeDoc(parser.parse(text));
+    return parser.hasConverted();
 }
 
 }  // namespace korva

@@ -15,4 +15,8 @@ namespace korva {
 std::shared_ptr<xmlDoc> parseXmlText(const std::string& text, std::string& messages);
 std::shared_ptr<xmlDoc> parseXmlFile(const char* fileName, std::string& messages);
 
+/// Whether the parser converts the text before it reads it, since it is or calls itself something else than
+/// UTF-8. What is not found among the bytes of such a text may well be quoted in the messages.
+bool isConverted(const std::string& text);
+
 }  // namespace korva

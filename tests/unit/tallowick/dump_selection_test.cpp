@@ -338,6 +338,22 @@ TEST_F(DumperInputTest, FailsWithAFileThatIsNoDocumentWithoutQuotingAPasswordOfI
                       Not(HasSubstr("login word")), Not(HasSubstr("sudo word"))));
 }
 
+TEST_F(DumperInputTest, QuotesNothingOfAFileThatIsNoDocumentAndNotInUtf8) {
+    const std::string utf7 = "<?xml version='1.0' encoding='UTF-7'?><objects>login+ACA-word</x>";
+    std::string utf16 = "\xFF\xFE";
+    for (const char c : std::string("<objects>login word</x>")) {
+        utf16 += {c, '\0'};
+    }
+    for (const std::string& content : {utf7, utf16}) {
+        selectObjects(content);
+        EXPECT_THAT(errorsOf([this] { buildDumperInput(cfg); }),
+                    ElementsAre(test::isError("tError_ParseFile",
+                                              "The XML file " + cfg.selected_objects_file +
+                                                  " was not parsed successfully with the following errors:\n"
+                                                  "It is not in UTF-8, so nothing of it is quoted\n")));
+    }
+}
+
 TEST_F(DumperInputTest, LogsTheErrorsOfSingleNodes) {
     xmlErrorFunc(Exc<&tError_XmlInternal>("context", "file", 1) % "the reason");
     EXPECT_THAT(debugLog.errors, ElementsAre("the reason"));

@@ -291,6 +291,24 @@ TEST_F(ContentListRetrieval, HidesPasswordsInTheErrorForWhatIsNoList) {
     }
 }
 
+TEST_F(ContentListRetrieval, QuotesNothingOfWhatIsNoListAndNotInUtf8) {
+    cfg.password = "Sesame";
+    const std::string utf7 = "<?xml version='1.0' encoding='UTF-7'?>";
+    std::string utf16 = "\xFF\xFE";
+    for (const char c : std::string("<Sesame/>")) {
+        utf16 += {c, '\0'};
+    }
+    for (const std::string& text : {utf16, utf7 + "<contentlist>Ses+AGE-me</x>"}) {
+        answer(text);
+        EXPECT_THAT(failure(), listFailure("the list is not well-formed, and not in UTF-8"));
+    }
+}
+
+TEST_F(ContentListRetrieval, ReadsAListThatIsNotInUtf8) {
+    answer("<?xml version='1.0' encoding='ISO-8859-1'?><contentlist size='0' unpacked='0'/>");
+    EXPECT_THAT(failure(), IsEmpty());
+}
+
 TEST_F(ContentListRetrieval, HidesAPasswordInTheErrorForAnotherDocument) {
     cfg.password = "Sesame";
     answer("<Sesame/>");

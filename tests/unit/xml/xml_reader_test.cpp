@@ -1,4 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
+#include "xml/xml_reader.h"
+
 #include "support/files.h"
 #include "support/temp_dir.h"
 #include "xml/xml_wrap.h"
@@ -226,6 +228,22 @@ TEST(XmlReader, UnderstandsTheEncodingOfADocument) {
     tXmlDvxDocument document(std::string("<?xml version='1.0' encoding='ISO-8859-1'?><c>\xE9</c>"));
     document.initFileDoc("c");
     EXPECT_EQ(tXmlDvxDocument::getNodeText(document.root()), "\xC3\xA9");
+}
+
+TEST(XmlReader, TellsWhatIsConvertedBeforeItIsRead) {
+    using namespace std::string_literals;
+    for (const std::string& text :
+         {"\xFF\xFE<\0a\0/\0>\0"s, "\xFE\xFF\0<\0a\0/\0>"s, "<\0?\0x\0"s, "\0<\0?\0x"s, "\0\0\0<\0\0\0a"s,
+          "\x4C\x6F\xA7\x94"s, "<?xml version='1.0' encoding='UTF-7'?><a/>"s,
+          "<?xml version='1.0' encoding='ISO-8859-1'?><a>\xE9</b>"s,
+          "<?xml version='1.0' encoding='IBM037'?><a"s}) {
+        EXPECT_TRUE(isConverted(text)) << testing::PrintToString(text);
+    }
+    for (const std::string& text :
+         {""s, "a"s, "<a/>"s, "<a>\xC3\xA9</b>"s, "\xEF\xBB\xBF<a/>"s, "<?xml version='1.0'?><a/>"s,
+          "<?xml version='1.0' encoding='utf-8'?><a>"s, "<a encoding='ISO-8859-1'/>"s, "<a>\0</a>"s}) {
+        EXPECT_FALSE(isConverted(text)) << testing::PrintToString(text);
+    }
 }
 
 TEST(XmlReader, ReportsAFileThatCannotBeOpened) {
