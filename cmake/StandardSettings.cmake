@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: Apache-2.0
-# Settings of every target of ours: language level, sanitizers, coverage, ccache, clang-tidy.
+# Settings of every target of ours: language level, sanitizers, fuzzing, coverage, ccache, clang-tidy.
 set(CMAKE_CXX_STANDARD 20)
 set(CMAKE_CXX_STANDARD_REQUIRED ON)
 set(CMAKE_CXX_EXTENSIONS OFF)
@@ -29,6 +29,10 @@ if(TALLOWICK_SANITIZE)
   target_compile_options(standard_settings INTERFACE
     -fsanitize=address,undefined -fno-sanitize-recover=all -fno-omit-frame-pointer)
   target_link_options(standard_settings INTERFACE -fsanitize=address,undefined)
+endif()
+if(TALLOWICK_FUZZ)
+  target_compile_options(standard_settings INTERFACE -fsanitize=fuzzer-no-link)
+  target_compile_definitions(standard_settings INTERFACE _GLIBCXX_ASSERTIONS)
 endif()
 if(TALLOWICK_COVERAGE)
   target_compile_options(standard_settings INTERFACE --coverage)
