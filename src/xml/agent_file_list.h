@@ -32,8 +32,8 @@ class AgentFileList {
 
 /// Reads the text of a content list, as an agent prints it; the text is foreign and not trusted. Throws
 /// AssertionFailed for an empty text, tError_ParseFile for one that is not well-formed or
-/// declares entities or attributes, tError_EmptyDoc and tError_WrongDoc for another document, and
-/// boost::bad_lexical_cast for a file size that is no number.
+/// declares entities or attributes, tError_WrongDoc for another document, tError_WrongContent for more than
+/// 500,000 files, and boost::bad_lexical_cast for a file size that is no number.
 std::unique_ptr<AgentFileList> getFileList(const std::string& content);
 
 }  // namespace korva

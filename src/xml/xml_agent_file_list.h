@@ -9,7 +9,8 @@
 
 namespace korva {
 
-/// A content list read from the document "contentlist".
+/// A content list read from the document "contentlist", of which only the root is kept: a tree of a long list
+/// would take hundreds of megabytes.
 class XmlAgentFileList : public tXmlDvxDocument, public AgentFileList {
   public:
     /// Reads the list at once; throws as korva::getFileList() does.

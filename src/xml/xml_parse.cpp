@@ -38,6 +38,11 @@ xmlXPathObjectPtr evaluate(const std::string& expression, xmlXPathContextPtr con
 
 // NOLINTNEXTLINE(cert-dcl50-cpp): libxml2 prescribes it
 void libxmlErrorHandler(void* context, const char* format, ...) {
+    constexpr std::size_t kMostMessages = 65536;  // a hostile document could be complained about without end
+    auto& messages = *static_cast<std::string*>(context);
+    if (messages.size() > kMostMessages) {
+        return;
+    }
     va_list arguments;
     va_list again;
     va_start(arguments, format);
@@ -47,7 +52,7 @@ void libxmlErrorHandler(void* context, const char* format, ...) {
         try {
             std::string message(static_cast<std::string::size_type>(length), '\0');
             std::ignore = std::vsnprintf(message.data(), message.size() + 1, format, again);
-            *static_cast<std::string*>(context) += message;
+            messages += message;
         } catch (...) {
             // Out of memory: no exception may pass through libxml2, and it reports the failure by its result.
         }

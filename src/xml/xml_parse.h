@@ -11,7 +11,8 @@
 
 namespace korva {
 
-/// libxml2's generic error callback: appends the formatted message to the std::string at `context`.
+/// libxml2's generic error callback: appends the formatted message to the std::string at `context`, unless
+/// that is longer than 64 KiB already.
 void libxmlErrorHandler(void* context, const char* format, ...) __attribute__((format(printf, 2, 3)));
 
 /// The first element directly below `node` with that name, or null. Throws AssertionFailed for a null node.

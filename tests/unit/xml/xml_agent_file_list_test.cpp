@@ -120,6 +120,60 @@ TEST(ContentList, LoadsNoFileOfThisHostIntoAName) {
                  Exc<&tError_ParseFile>);
 }
 
+TEST(ContentList, ReadsReferencesInNamesAndValues) {
+    EXPECT_THAT(
+        listOf(
+            "<file md5sum='a&amp;b&lt;&#38;&#x26;#38;&quot;'>a&amp;b&#38;&#x20AC;<![CDATA[&amp;<]]></file>")
+            ->getFileList(),
+        ElementsAre(FieldsAre("a&b&\xE2\x82\xAC&amp;<", 0, "a&b<&&#38;\"", false)));
+}
+
+TEST(ContentList, LeavesOutWhatIsInElementsBelowAFile) {
+    EXPECT_THAT(
+        listOf("<file>a<b>x<file size='bad'>y</file></b>b<!-- c -->c<?pi?>d</file><file/>")->getFileList(),
+        ElementsAre(FieldsAre("abcd", 0, "", false), FieldsAre("", 0, "", false)));
+}
+
+TEST(ContentList, LooksAtNamesWithoutTheirPrefixAndAtAttributesWithoutOne) {
+    EXPECT_THAT(getFileList("<x:contentlist xmlns:x='u' x:size='7' size='1'><x:file x:size='3' size='2' "
+                            "x:md5sum='b'>f</x:file></x:contentlist>")
+                    ->getFileList(),
+                ElementsAre(FieldsAre("f", 2, "", true)));
+}
+
+TEST(ContentList, UnderstandsOtherEncodings) {
+    EXPECT_THAT(getFileList("<?xml version='1.0' encoding='ISO-8859-1'?><contentlist>"
+                            "<file md5sum='\xE9'>\xE9</file></contentlist>")
+                    ->getFileList(),
+                ElementsAre(FieldsAre("\xC3\xA9", 0, "\xC3\xA9", false)));
+}
+
+TEST(ContentList, TakesAReferenceToAnUndeclaredEntityForNothing) {
+    EXPECT_THAT(getFileList("<!DOCTYPE contentlist SYSTEM 'list.dtd'><contentlist>"
+                            "<file md5sum='1&x;2'>1&x;2</file></contentlist>")
+                    ->getFileList(),
+                ElementsAre(FieldsAre("12", 0, "12", false)));
+    EXPECT_THROW(listOf("<file>&x;</file>"), Exc<&tError_ParseFile>);
+}
+
+TEST(ContentList, TellsThatItIsNotWellFormedBeforeAnythingElse) {
+    EXPECT_THROW(getFileList("<foo><file size='bad'/>"), Exc<&tError_ParseFile>);
+    EXPECT_THROW(getFileList("<foo><file size='bad'/></foo>"), Exc<&tError_WrongDoc>);
+}
+
+TEST(ContentList, RefusesMoreFilesThanAnybodyHas) {
+    std::string files;
+    for (int i = 0; i < 500'001; ++i) {
+        files += "<file/>";
+    }
+    try {
+        listOf(files);
+        FAIL();
+    } catch (const Exc<&tError_WrongContent>& error) {
+        EXPECT_STREQ(error.what(), "The content list names more than 500000 files.");
+    }
+}
+
 TEST(ContentList, RefusesABillionLaughs) {
     std::string content = "<!DOCTYPE contentlist [<!ENTITY l0 'lol'>";
     for (int level = 1; level < 10; ++level) {

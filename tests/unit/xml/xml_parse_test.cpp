@@ -176,5 +176,12 @@ TEST(LibxmlErrorHandler, AppendsFormattedMessagesOfAnyLength) {
     EXPECT_EQ(messages, "before n=5[" + longText + "]");
 }
 
+TEST(LibxmlErrorHandler, DropsWhatComesAfterMoreThanAnybodyReads) {
+    std::string messages(65536, 'x');
+    libxmlErrorHandler(&messages, "%s", "still");
+    libxmlErrorHandler(&messages, "%s", "too much");
+    EXPECT_EQ(messages, std::string(65536, 'x') + "still");
+}
+
 }  // namespace
 }  // namespace korva

@@ -1,0 +1,36 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include "commons/handle.h"
+
+#include <libxml/parser.h>
+
+#include <string>
+
+namespace korva {
+
+/// libxml2's parser for documents that may come from a hostile host: nothing outside of a document is loaded,
+/// and one that declares entities or attributes of its own is refused. Needs a LibxmlScope for its messages.
+class XmlParser {
+  public:
+    XmlParser();
+    XmlParser(const XmlParser&) = delete;
+    XmlParser& operator=(const XmlParser&) = delete;
+
+    xmlParserCtxtPtr get() const { return context_.get(); }
+
+    /// From now on documents have no content, which takes no memory then.
+    void keepNothing();
+
+    /// Null for what is refused or not well-formed; the caller owns the document.
+    xmlDocPtr parse(const std::string& text);
+    xmlDocPtr parse(int fd, const char* fileName);
+
+    /// Of what was parsed last: whether it named an encoding that had to be converted.
+    bool hasConverted() const;
+
+  private:
+    Handle<xmlParserCtxtPtr, &xmlFreeParserCtxt> context_;
+};
+
+}  // namespace korva
