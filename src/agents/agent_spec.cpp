@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "agents/agent_spec.h"
 
+#include "commons/log_line.h"
 #include "commons/product_paths.h"
 
 #include <log4cpp/Category.hh>
@@ -64,12 +65,15 @@ Agent::Values Agent::parse(const std::string& specPath) {
         values[static_cast<std::size_t>(known - kKeys.begin())] =
             valueOf(std::string_view(line).substr(colon + 1));
     }
+    if (spec.bad()) {  // half of an agent must not pass for the whole
+        throw KORVA_EXC(Agent::ParseFailed) % (specPath + " cannot be read");
+    }
     return values;
 }
 
 Agent::Agent(std::string name, const std::string& specPath)
     : name_(std::move(name)), values_(parse(specPath)) {
-    agentCategory().debugStream() << "Agent " << name_;
+    debugLine(agentCategory()) << "Agent " << name_;
     logContents();
 }
 
@@ -78,15 +82,15 @@ std::string Agent::interpreter() const {
 }
 
 void Agent::logContents() const {
-    agentCategory().debugStream() << "Description: " << description();
+    debugLine(agentCategory()) << "Description: " << description();
     if (!entryPoint().empty()) {
-        agentCategory().debugStream()
-            << "EntryPoint: " << files::agents::getDir() << "/" << name_ << "/control/" << entryPoint();
+        debugLine(agentCategory()) << "EntryPoint: " << files::agents::getDir() << "/" << name_ << "/control/"
+                                   << entryPoint();
     }
     if (!documentType().empty()) {
-        agentCategory().debugStream() << "DocumentType: " << documentType();
+        debugLine(agentCategory()) << "DocumentType: " << documentType();
     }
-    agentCategory().debugStream() << "Interpreter: " << interpreter();
+    debugLine(agentCategory()) << "Interpreter: " << interpreter();
 }
 
 std::shared_ptr<Agent> AgentsFactory::getAgent(const std::string& name) {
@@ -101,7 +105,7 @@ std::shared_ptr<Agent> AgentsFactory::getAgent(const std::string& name) {
 }
 
 const AgentsFactory::Agents& AgentsFactory::getAllAgents() {
-    factoryCategory().debug("Parsing available agents info");
+    debugLine(factoryCategory()) << "Parsing available agents info";
     std::error_code unreadable;  // a directory that cannot be read holds no agents
     for (const auto& entry : std::filesystem::directory_iterator(files::agents::getDir(), unreadable)) {
         if (entry.is_directory(unreadable)) {
@@ -112,7 +116,7 @@ const AgentsFactory::Agents& AgentsFactory::getAllAgents() {
 }
 
 bool AgentsFactory::parseAgent(const std::string& name) {
-    factoryCategory().debugStream() << "Parsing " << name;
+    debugLine(factoryCategory()) << "Parsing " << name;
     const std::filesystem::path directory = files::agents::getDir() + "/" + name;
     std::error_code unreadable;
     if (!std::filesystem::is_directory(directory, unreadable)) {
@@ -120,14 +124,14 @@ bool AgentsFactory::parseAgent(const std::string& name) {
     }
     const std::filesystem::path spec = directory / "control" / "spec";
     if (!std::filesystem::is_regular_file(spec, unreadable)) {
-        factoryCategory().error(text(boost::format("%1% is not a regular file") % spec.string()));
+        errorLine(factoryCategory()) << spec.string() << " is not a regular file";
         return false;
     }
     try {
         agents_.emplace(name, std::make_shared<Agent>(name, spec.string()));
     } catch (const Exc<&Agent::ParseFailed>& e) {  // to its user such an agent is one that does not exist
-        factoryCategory().error(text(boost::format("%1% is not a valid agent spec file") % spec.string()));
-        factoryCategory().error(text(boost::format("Unable to parse spec file: %1%") % e.what()));
+        errorLine(factoryCategory()) << spec.string() << " is not a valid agent spec file";
+        errorLine(factoryCategory()) << "Unable to parse spec file: " << e.what();
         return false;
     }
     return true;

@@ -8,6 +8,7 @@
 
 #include <array>
 #include <stdexcept>
+#include <string_view>
 
 namespace korva {
 namespace {
@@ -35,9 +36,11 @@ std::string Md5::hexDigest() {
     std::array<unsigned char, EVP_MAX_MD_SIZE> digest{};
     unsigned int size = 0;
     require(EVP_DigestFinal_ex(context_.get(), digest.data(), &size));
+    constexpr std::string_view kDigits = "0123456789abcdef";
     std::string text;
     for (unsigned int i = 0; i < size; ++i) {
-        text += (boost::format("%02x") % static_cast<unsigned int>(digest.at(i))).str();
+        text += kDigits[digest.at(i) >> 4];
+        text += kDigits[digest.at(i) & 15];
     }
     return text;
 }

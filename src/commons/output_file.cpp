@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "commons/output_file.h"
 
+#include "commons/log_line.h"
 #include "commons/regular_file.h"
 #include "commons/stream_errors.h"
 #include "utils/accounts.h"
@@ -38,7 +39,7 @@ bool DescriptorBuffer::close() {
 void DescriptorBuffer::fail() {
     if (error_ == 0) {
         error_ = errno;
-        log4cpp::Category::getInstance("k.OutputFile").errorStream()
+        errorLine(log4cpp::Category::getInstance("k.OutputFile"))
             << "Cannot write to " << name_ << ": " << std::strerror(error_);
     }
 }

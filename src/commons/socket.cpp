@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "commons/socket.h"
 
+#include "commons/log_line.h"
 #include "commons/signal_hold.h"
 
 #include <log4cpp/Category.hh>
@@ -75,7 +76,7 @@ int connectTo(int fd, const addrinfo& address) {
 
 Socket::Socket(const std::string& host, unsigned short port) {
     const SignalHold hold;
-    category().debugStream() << "Connecting to " << host << ":" << port << "\n";
+    debugLine(category()) << "Connecting to " << host << ":" << port << "\n";
     addr_ = gethostbyname(host, port);
     fd_ = socket(addr_->ai_family, SOCK_STREAM | SOCK_CLOEXEC, 0);
     if (fd_ < 0) {
@@ -86,8 +87,8 @@ Socket::Socket(const std::string& host, unsigned short port) {
     // Nagle's algorithm against delayed acknowledgements costs 45 ms in every remote command.
     setOption(fd_, IPPROTO_TCP, TCP_NODELAY, 1);
     if (const int error = connectTo(fd_, *addr_); error != 0) {
-        category().errorStream() << "Unable to open socket to " << host << ":" << port << ": "
-                                 << std::strerror(error) << "\n";
+        errorLine(category()) << "Unable to open socket to " << host << ":" << port << ": "
+                              << std::strerror(error) << "\n";
         // The descriptor and the address list are left to the end of the process, which is near.
         throwConnectError(host, error);
     }
@@ -97,7 +98,7 @@ Socket::Socket(const std::string& host, unsigned short port) {
     setOption(fd_, IPPROTO_TCP, TCP_KEEPCNT, kKeepAliveProbes);
     // Only now: set before, it would shorten the system's own limit on connecting.
     setOption(fd_, IPPROTO_TCP, TCP_USER_TIMEOUT, kUserTimeoutMs);
-    category().debug("Connected");
+    debugLine(category()) << "Connected";
 }
 
 Socket::~Socket() {
@@ -107,11 +108,11 @@ Socket::~Socket() {
 
 addrinfo* Socket::gethostbyname(const std::string& host, unsigned short port) {
     // ERROR on purpose, though nothing has failed yet: the host must show at every log level.
-    category().errorStream() << "Resolving " << host;
+    errorLine(category()) << "Resolving " << host;
     addrinfo* result = nullptr;
     const int code = getaddrinfo(host.c_str(), std::to_string(port).c_str(), nullptr, &result);
     if (code != 0) {
-        category().errorStream() << "Unable to resolve " << host << ": " << gai_strerror(code);
+        errorLine(category()) << "Unable to resolve " << host << ": " << gai_strerror(code);
         throw KORVA_EXC(HostNotFound) % host % gai_strerror(code);
     }
     return result;

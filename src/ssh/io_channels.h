@@ -19,7 +19,7 @@ class IOReadChannel {
 class IOStreamReadChannel : public IOReadChannel {
   public:
     explicit IOStreamReadChannel(std::istream& stream) : stream_(stream) {}
-    /// Never fails: a stream that could not be opened is empty.
+    /// Fails when the stream cannot be read; a stream that could not be opened is empty.
     int read(char* buffer, unsigned size) override;
 
   private:

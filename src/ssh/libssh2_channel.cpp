@@ -1,4 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
+#include "commons/log_line.h"
 #include "ssh/libssh2pp.h"
 #include "ssh/socket_wait.h"
 
@@ -22,9 +23,10 @@ log4cpp::Category& category() {
     return log4cpp::Category::getInstance("k.libssh2pp.Channel");
 }
 
+constexpr int kStatusOfUnknownSignal = 255;
+
 // The signals that a server can name (RFC 4254, section 6.10).
 int exitStatusOfSignal(std::string_view name) {
-    constexpr int kStatusOfUnknownSignal = 255;
     static const std::map<std::string_view, int> kNumbers = {
         {"ABRT", SIGABRT}, {"ALRM", SIGALRM}, {"FPE", SIGFPE},   {"HUP", SIGHUP},   {"ILL", SIGILL},
         {"INT", SIGINT},   {"KILL", SIGKILL}, {"PIPE", SIGPIPE}, {"QUIT", SIGQUIT}, {"SEGV", SIGSEGV},
@@ -42,7 +44,7 @@ void dvx_libssh2_channel_free(LIBSSH2_CHANNEL* channel) {
 Channel::Channel(LIBSSH2_CHANNEL* channel, Session& session) : Handle(channel), session_(session) {}
 
 Channel::~Channel() {
-    category().debug("Closed");
+    debugOrNothing(&category, "Closed");
     setMode(kNonBlocking);  // blocking, it would wait until the remote command ends
     const bool freed = freeAtOnce();
     LIBSSH2_CHANNEL* const channel = release();
@@ -126,7 +128,11 @@ void Channel::sendEof() {
 }
 
 bool Channel::eof() {
-    return libssh2_channel_eof(get()) != 0;
+    const int result = libssh2_channel_eof(get());
+    if (result < 0) {
+        throw KORVA_EXC(SshConnectionFault);
+    }
+    return result != 0;
 }
 
 // Never in blocking mode: libssh2 tells of waiting standard error when only standard output waits, and a
@@ -201,8 +207,12 @@ int Channel::exitStatus() {
     }
     // libssh2 reports status 0 for a command that a signal has killed.
     char* signalName = nullptr;
-    libssh2_channel_get_exit_signal(get(), &signalName, nullptr, nullptr, nullptr, nullptr, nullptr);
+    const int result =
+        libssh2_channel_get_exit_signal(get(), &signalName, nullptr, nullptr, nullptr, nullptr, nullptr);
     const std::unique_ptr<char, void (*)(void*)> owner(signalName, &std::free);
+    if (result < 0) {  // there was no memory for the name of the signal
+        return kStatusOfUnknownSignal;
+    }
     return signalName == nullptr ? 0 : exitStatusOfSignal(signalName);
 }
 

@@ -1,4 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
+#include "commons/log_line.h"
 #include "ssh/libssh2pp.h"
 #include "ssh/socket_wait.h"
 
@@ -60,9 +61,15 @@ bool meansRefusal(int error) {
 
 // What libssh2 could not free stays reachable until the process ends, soon after: waiting for a remote
 // command that still runs would take as long as that command.
-void leaveToProcessEnd(LIBSSH2_SESSION* session) {
+std::vector<LIBSSH2_SESSION*>& leftToProcessEnd() {
     static auto& left = *new std::vector<LIBSSH2_SESSION*>();  // outlives static destructors
-    left.push_back(session);
+    return left;
+}
+
+/// So that a destructor finds room.
+template <typename T>
+void makeRoomForOneMore(std::vector<T>& values) {
+    values.reserve(values.size() + 1);
 }
 
 }  // namespace
@@ -71,22 +78,23 @@ Session::Session(int socket, bool noEncryption, bool compatibility)
     : Handle(libssh2_session_init_ex(nullptr, nullptr, nullptr, nullptr)),
       socket_(socket),
       compatibility_(compatibility) {
-    category().debug("Trying to start SSH session");
+    makeRoomForOneMore(leftToProcessEnd());
+    debugLine(category()) << "Trying to start SSH session";
     start(noEncryption);
 }
 
 Session::~Session() {
-    category().debug("SSH session finished");
+    debugOrNothing(&category, "SSH session finished");
     reserveChannel_.reset();
     if (!abandoned_.empty()) {
         libssh2_channel_set_blocking(abandoned_.front(), Channel::kNonBlocking);
-        leaveToProcessEnd(get());
+        leftToProcessEnd().push_back(get());
     }
 }
 
 void Session::start(bool noEncryption) {
     if (noEncryption) {
-        category().debug("Disabling SSH encryption");
+        debugLine(category()) << "Disabling SSH encryption";
         // libssh2 has no such cipher and refuses: the session is encrypted all the same.
         std::ignore = libssh2_session_method_pref(get(), LIBSSH2_METHOD_CRYPT_CS, "none");
         std::ignore = libssh2_session_method_pref(get(), LIBSSH2_METHOD_CRYPT_SC, "none");
@@ -98,16 +106,16 @@ void Session::start(bool noEncryption) {
     libssh2_session_set_timeout(get(), kServerSilenceLimitMs);
     if (const int result = libssh2_session_startup(get(), socket_); result != 0) {
         const std::string reason = lastError();
-        category().errorStream() << "SSH session was not started: " << reason;
+        errorLine(category()) << "SSH session was not started: " << reason;
         // The compatibility mode offers less than the first start, so there it would mislead.
         if (result == LIBSSH2_ERROR_KEX_FAILURE && !compatibility_) {
-            category().errorStream() << kNothingInCommon;
+            errorLine(category()) << kNothingInCommon;
         }
         throw KORVA_EXC(UnableToStartSshSession) % reason;
     }
     const char* const cipher = libssh2_session_methods(get(), LIBSSH2_METHOD_CRYPT_SC);
-    category().debugStream() << "Selected " << (cipher != nullptr ? cipher : "no") << " encryption method";
-    category().debug("SSH session started successfully");
+    debugLine(category()) << "Selected " << (cipher != nullptr ? cipher : "no") << " encryption method";
+    debugLine(category()) << "SSH session started successfully";
 }
 
 std::string Session::lastError() const {
@@ -117,22 +125,22 @@ std::string Session::lastError() const {
 }
 
 void Session::getAuthMethodsList(const std::string& login, std::vector<std::string>& methods) {
-    category().debugStream() << "Getting userauth methods for user '" << login << "'";
+    debugLine(category()) << "Getting userauth methods for user '" << login << "'";
     const Handle<char*, &keepForTheSession> list(
         libssh2_userauth_list(get(), login.data(), static_cast<unsigned>(login.size())));
-    category().debugStream() << "Got the following allowed userauth methods: " << list.get();
+    debugLine(category()) << "Got the following allowed userauth methods: " << list.get();
     boost::algorithm::split(methods, std::string(list.get()), boost::algorithm::is_any_of(","));
 }
 
 void Session::authorize(const std::string& login, const std::string& password) {
-    category().debugStream() << "Requested authorization for user " << login;
+    debugLine(category()) << "Requested authorization for user " << login;
     std::vector<std::string> methods;
     getAuthMethodsList(login, methods);
     const bool accepted =
         (offers(methods, "password") && authorizeByPassword(login, password)) ||
         (offers(methods, "keyboard-interactive") && authorizeByKeyboardInteractive(login, password));
     if (!accepted) {
-        category().error("Authentication failed");
+        errorLine(category()) << "Authentication failed";
         throw KORVA_EXC(SshAuthorizationFailed);
     }
     if (compatibility_) {
@@ -141,7 +149,7 @@ void Session::authorize(const std::string& login, const std::string& password) {
 }
 
 bool Session::authorizeByPassword(const std::string& login, const std::string& password) {
-    category().debug("Trying 'password' authentication");
+    debugLine(category()) << "Trying 'password' authentication";
     const int result = libssh2_userauth_password_ex(
         get(), login.c_str(), static_cast<unsigned>(std::strlen(login.c_str())), password.c_str(),
         static_cast<unsigned>(std::strlen(password.c_str())), nullptr);
@@ -149,13 +157,13 @@ bool Session::authorizeByPassword(const std::string& login, const std::string& p
         throw KORVA_EXC(SshConnectionFault);
     }
     if (result == 0) {
-        category().debug("Authenticated succesfully");  // the spelling is fixed
+        debugLine(category()) << "Authenticated succesfully";  // the spelling is fixed
     }
     return result == 0;
 }
 
 bool Session::authorizeByKeyboardInteractive(const std::string& login, const std::string& password) {
-    category().debug("Trying 'keyboard-interactive' authentication");
+    debugLine(category()) << "Trying 'keyboard-interactive' authentication";
     *libssh2_session_abstract(get()) = const_cast<std::string*>(&password);
     const int result = libssh2_userauth_keyboard_interactive_ex(
         get(), login.data(), static_cast<unsigned>(login.size()), &Session::userauth_callback);
@@ -167,15 +175,18 @@ bool Session::authorizeByKeyboardInteractive(const std::string& login, const std
         throw KORVA_EXC(SshConnectionFault);
     }
     if (result == 0) {
-        category().debug("Authenticated successfully");
+        debugLine(category()) << "Authenticated successfully";
     }
     return result == 0;
 }
 
 LIBSSH2_USERAUTH_KBDINT_RESPONSE_FUNC(Session::userauth_callback) {
     std::ignore = std::make_tuple(name, name_len, instruction, instruction_len, prompts);
-    category().debugStream() << "'keyboard-interactive' callback requested. "
-                             << "Filling " << num_prompts << " responses with the password";
+    try {
+        debugLine(category()) << "'keyboard-interactive' callback requested. "
+                              << "Filling " << num_prompts << " responses with the password";
+    } catch (...) {  // NOLINT(bugprone-empty-catch): no exception may pass through libssh2
+    }
     const auto& password = *static_cast<const std::string*>(*abstract);
     for (int i = 0; i < num_prompts; ++i) {
         // libssh2 frees each response itself, so it gets a malloc copy without a terminating zero.
@@ -189,6 +200,7 @@ LIBSSH2_USERAUTH_KBDINT_RESPONSE_FUNC(Session::userauth_callback) {
 }
 
 std::unique_ptr<Channel> Session::openSessionChannel() {
+    makeRoomForOneMore(abandoned_);
     LIBSSH2_CHANNEL* channel = nullptr;
     // The mode is the session's, and an earlier channel has left it non-blocking.
     const int result = repeatUntilDone(socket_, kWakeUpMs, [&] {
@@ -202,7 +214,7 @@ std::unique_ptr<Channel> Session::openSessionChannel() {
 }
 
 void Session::create_reserve_channel() {
-    category().debug("Create a reserve channel");
+    debugLine(category()) << "Create a reserve channel";
     reserveChannel_ = openSessionChannel();
     reserveChannel_->setMode(Channel::kNonBlocking);
     // Its answer is waited for, or libssh2 would take the next command's for it; whatever it is, it counts
@@ -214,7 +226,7 @@ void Session::create_reserve_channel() {
 
 std::unique_ptr<Channel> Session::openExecChannel(const std::string& command, const std::string& shownCommand,
                                                   Channel::Mode mode) {
-    category().debugStream() << "Opening SSH channel for command '" << shownCommand << "'";
+    debugLine(category()) << "Opening SSH channel for command '" << shownCommand << "'";
     std::unique_ptr<Channel> channel = openSessionChannel();
     channel->setMode(mode);
     const int result = repeatUntilDone(socket_, kWakeUpMs, [&] { return channel->requestExec(command); });

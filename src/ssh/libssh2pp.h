@@ -53,7 +53,7 @@ class Channel : public Handle<LIBSSH2_CHANNEL*, &dvx_libssh2_channel_free> {
     /// Tells the remote side that the input has ended. Throws UnableToSendEof.
     void sendEof();
 
-    /// Whether the remote side has sent its last byte and all was read.
+    /// Whether the remote side has sent its last byte and all was read. Throws SshConnectionFault.
     bool eof();
 
     /// Reads from standard output (stream 0) or standard error (stream 1) what is there, at most `size`

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
-#include <log4cpp/CategoryStream.hh>
+#include <ostream>
 
 namespace korva {
 
@@ -12,6 +12,6 @@ struct memchunk_log {
 };
 
 /// Writes the bytes raw and unescaped; nothing when there are none.
-log4cpp::CategoryStream& operator<<(log4cpp::CategoryStream& stream, const memchunk_log& chunk);
+std::ostream& operator<<(std::ostream& stream, const memchunk_log& chunk);
 
 }  // namespace korva

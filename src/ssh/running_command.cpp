@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "ssh/running_command.h"
 
+#include "commons/log_line.h"
 #include "commons/signal_hold.h"
 #include "ssh/libssh2pp.h"
 #include "ssh/pump.h"
@@ -31,7 +32,7 @@ log4cpp::Category& category() {
 // Hiding secrets may make a chunk longer than those that are read.
 void logChunk(const char* label, std::string_view text) {
     forEachPiece(text, [label](std::string_view piece) {
-        category().debugStream() << label << memchunk_log{piece.data(), static_cast<int>(piece.size())};
+        debugLine(category()) << label << memchunk_log{piece.data(), static_cast<int>(piece.size())};
     });
 }
 

@@ -2,21 +2,23 @@
 #include "ssh/ssh-transfer.h"
 
 #include "commons/discard_stream.h"
+#include "commons/log_line.h"
 #include "commons/output_file.h"
 #include "commons/sh_quote.h"
 #include "commons/signal_hold.h"
 #include "commons/socket.h"
+#include "commons/stream_errors.h"
 #include "commons/umask_scope.h"
 #include "ssh/libssh2pp.h"
 #include "ssh/pump.h"
 #include "ssh/remote_log.h"
 #include "ssh/running_command.h"
 
-#include <boost/format.hpp>
 #include <log4cpp/Category.hh>
 
 #include <unistd.h>
 
+#include <cerrno>
 #include <fstream>
 #include <sstream>
 #include <tuple>
@@ -65,7 +67,7 @@ void Ssh::startSession(const std::string& host, bool noEncryption, unsigned shor
     try {
         session_ = std::make_unique<libssh2pp::Session>(socket_->fd(), noEncryption, false);
     } catch (const Exc<&UnableToStartSshSession>&) {  // logged where it was thrown
-        category().debug("Attempt to start SSH session in a 'compatibility' mode");
+        debugLine(category()) << "Attempt to start SSH session in a 'compatibility' mode";
         auto socket = std::make_unique<Socket>(host, port);
         session_ = std::make_unique<libssh2pp::Session>(socket->fd(), noEncryption, true);
         socket_ = std::move(socket);
@@ -85,11 +87,11 @@ int Ssh::exec(const std::string& command, std::ostream& out, std::ostream& err, 
 
 int Ssh::run(const RemoteRequest& request) {
     const SignalHold hold;
-    category().debugStream() << "Executing " << shown(request.command) << " on the remote host";
+    debugLine(category()) << "Executing " << shown(request.command) << " on the remote host";
     const auto channel =
         session_->openExecChannel(request.command, shown(request.command), libssh2pp::Channel::kNonBlocking);
     const int status = channel ? runOn(*channel, request) : kStatusOfRefusedCommand;
-    category().debugStream() << "Execution finished with return code " << status;
+    debugLine(category()) << "Execution finished with return code " << status;
     return status;
 }
 
@@ -112,8 +114,8 @@ void Ssh::serveAlarm() {
 }
 
 int Ssh::get(std::ostream& out, std::ostream& err, const std::string& remotePath, Counter& counter) {
-    category().debugStream() << "Reading data from the remote file " << shown(remotePath);
-    const std::string command = boost::str(boost::format("cat %1%") % sh_quote(remotePath));
+    debugLine(category()) << "Reading data from the remote file " << shown(remotePath);
+    const std::string command = "cat " + sh_quote(remotePath);
     std::istringstream noInput;
     const int status = run({command, noInput, out, err, true, true, counter});
     if (status == 0 && !out.flush()) {  // the last bytes count as well
@@ -129,7 +131,7 @@ int Ssh::get(std::ostream& out, const std::string& remotePath) {
 
 int Ssh::get(const std::string& localPath, std::ostream& err, const std::string& remotePath,
              Counter& counter) {
-    category().debugStream() << "Reading data to the file " << localPath;
+    debugLine(category()) << "Reading data to the file " << localPath;
     const UmaskScope umask(022);
     OutputFile file(localPath);
     const int status = get(file, err, remotePath, counter);
@@ -147,23 +149,27 @@ int Ssh::get(const std::string& localPath, const std::string& remotePath) {
 }
 
 void Ssh::put(std::istream& in, const std::string& remotePath) {
-    category().debugStream() << "Writing data to the remote file " << remotePath;
-    const std::string command = boost::str(boost::format("cat > %1%") % sh_quote(remotePath));
+    debugLine(category()) << "Writing data to the remote file " << remotePath;
+    const std::string command = "cat > " + sh_quote(remotePath);
     DiscardStream discarded;
     if (const int status = exec(command, in, discarded, discarded, true, true, null_counter); status != 0) {
-        category().errorStream() << "Writing to the remote file " << remotePath
-                                 << " has ended with return code " << status;
+        errorLine(category()) << "Writing to the remote file " << remotePath << " has ended with return code "
+                              << status;
     }
 }
 
 void Ssh::put(const std::string& localPath, const std::string& remotePath) {
-    category().debugStream() << "Writing file " << localPath << " to the remote host";
+    debugLine(category()) << "Writing file " << localPath << " to the remote host";
+    errno = 0;
     std::ifstream file(localPath);
+    if (!file && errno != ENOENT) {  // what does not exist is an empty input, what cannot be read is none
+        throw KORVA_EXC(StreamRead);
+    }
     put(file, remotePath);
 }
 
 void Ssh::logPump(const char* data, int size) {
-    category().debugStream() << "remote stdin <- " << memchunk_log{data, size};
+    debugLine(category()) << "remote stdin <- " << memchunk_log{data, size};
 }
 
 }  // namespace korva

@@ -5,16 +5,14 @@
 
 namespace korva {
 
-ArgsBuilder::ArgsBuilder(const std::string& command) {
-    line_ << sh_quote(command);
-}
+ArgsBuilder::ArgsBuilder(const std::string& command) : line_(sh_quote(command)) {}
 
 ArgsBuilder& ArgsBuilder::operator<<(const char* word) {
     return *this << std::string(word);
 }
 
 ArgsBuilder& ArgsBuilder::operator<<(const std::string& word) {
-    line_ << ' ' << sh_quote(word);
+    line_ += ' ' + sh_quote(word);
     return *this;
 }
 

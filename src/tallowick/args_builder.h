@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
-#include <sstream>
 #include <string>
 
 namespace korva {
@@ -12,10 +11,10 @@ class ArgsBuilder {
     explicit ArgsBuilder(const std::string& command);
     ArgsBuilder& operator<<(const char* word);
     ArgsBuilder& operator<<(const std::string& word);
-    std::string str() const { return line_.str(); }
+    const std::string& str() const { return line_; }
 
   private:
-    std::ostringstream line_;
+    std::string line_;  // no stream: one that memory does not suffice for leaves words out
 };
 
 }  // namespace korva

@@ -2,6 +2,7 @@
 #include "tallowick/logging.h"
 
 #include "commons/descriptor.h"
+#include "commons/log_line.h"
 #include "commons/product_paths.h"
 #include "commons/regular_file.h"
 #include "commons/session.h"
@@ -51,9 +52,8 @@ void initializeLog4Cpp(bool verbose) {
     if (!verbose) {
         removeConsoleAppender();
     }
-    setUtilityLogSink([](const std::string& message) {
-        log4cpp::Category::getInstance("k.utils").warnStream() << message;
-    });
+    setUtilityLogSink(
+        [](const std::string& message) { warnLine(log4cpp::Category::getInstance("k.utils")) << message; });
     isConfigured = true;
 }
 

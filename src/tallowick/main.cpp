@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "commons/exception.h"
+#include "commons/log_line.h"
 #include "tallowick/driver.h"
 #include "tallowick/exit_status.h"
 #include "xml/text_msg_formatter.h"
@@ -44,6 +45,29 @@ void forbidCoreDumps() {
     std::ignore = prctl(PR_SET_DUMPABLE, 0);
 }
 
+// There may be no memory for the whole of it.
+void tellUncaught(const korva::ExTraceable& error) {
+    std::cerr << "Uncaught ExTraceableException: ";
+    try {
+        std::cerr << korva::formatPlainTextMessage(error) << "\n";
+    } catch (const std::exception&) {
+        std::cerr << error.what() << "\n";
+    }
+}
+
+int statusOfRun(int argc, char** argv) {
+    try {
+        return korva::real_main(argc, argv);
+    } catch (const korva::ExTraceable& error) {
+        tellUncaught(error);
+    } catch (const std::exception& error) {
+        std::cerr << "Uncaught std::exception: " << error.what() << "\n";
+    } catch (...) {
+        std::cerr << "Uncaught unknown exception\n";
+    }
+    return korva::kExitUsage;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -52,14 +76,7 @@ int main(int argc, char** argv) {
     }
     prepareSignals();
     forbidCoreDumps();
-    try {
-        return korva::real_main(argc, argv);
-    } catch (const korva::ExTraceable& error) {
-        std::cerr << "Uncaught ExTraceableException: " << korva::formatPlainTextMessage(error) << "\n";
-    } catch (const std::exception& error) {
-        std::cerr << "Uncaught std::exception: " << error.what() << "\n";
-    } catch (...) {
-        std::cerr << "Uncaught unknown exception\n";
-    }
-    return korva::kExitUsage;
+    const int status = statusOfRun(argc, argv);
+    korva::closeLog();
+    return status;
 }

@@ -4,6 +4,7 @@
 #include "agents/agent_spec.h"
 #include "commons/bounded_text.h"
 #include "commons/discard_stream.h"
+#include "commons/log_line.h"
 #include "commons/output_file.h"
 #include "commons/product_paths.h"
 #include "commons/session.h"
@@ -30,7 +31,7 @@ void SendAgentAction::execute() {
     status().setAgentParams(cfg().host);
     status().setAgentOperation(MigrationStatus::deploy);
     status().saveFile();
-    category().noticeStream() << "Copying agent " << cfg().agent_name << " to the remote host.";
+    noticeLine(category()) << "Copying agent " << cfg().agent_name << " to the remote host.";
 
     const fs::path agentsDirectory = files::agents::getDir();
     const fs::path shared = agentsDirectory / "shared";
@@ -48,7 +49,7 @@ void SendAgentAction::execute() {
 
     status().setAgentOperation(MigrationStatus::wait);
     status().saveFile();
-    category().notice("Getting agent deployment status");
+    noticeLine(category()) << "Getting agent deployment status";
     requestStatus();
 }
 
@@ -59,7 +60,7 @@ void SendAgentAction::sendTree(const fs::path& root) {
                                     return sendFile(root, localPath, remotePath);
                                 });
     } catch (const fs::filesystem_error& e) {
-        category().errorStream() << "Cannot read " << root.string() << ": " << e.what();
+        errorLine(category()) << "Cannot read " << root.string() << ": " << e.what();
         throw KORVA_EXC(StreamRead);
     }
 }
@@ -67,14 +68,14 @@ void SendAgentAction::sendTree(const fs::path& root) {
 bool SendAgentAction::sendFile(const fs::path& root, const fs::path& localPath,
                                const std::string& remotePath) {
     if (!fs::is_directory(localPath)) {
-        category().infoStream() << "remote <copy " << remotePath << " (from " << localPath.string() << ")";
+        infoLine(category()) << "remote <copy " << remotePath << " (from " << localPath.string() << ")";
         getSsh()->put(localPath.string(), remotePath);
         return true;
     }
     if (localPath == root / "control") {
         return false;  // the agent's own description, for this host only
     }
-    category().infoStream() << "remote mkdir " << remotePath;
+    infoLine(category()) << "remote mkdir " << remotePath;
     makeRemoteDirectory(remotePath);
     return true;
 }

@@ -38,9 +38,12 @@ StartStopLogger::StartStopLogger(std::string name, int argc, char** argv,
 
 StartStopLogger::~StartStopLogger() {
     childDaemonHandlers.pop_back();
-    const std::string suffix = exitCode_ == -1 ? std::string(" (exit code is not reported)")
-                                               : "Exit code: " + std::to_string(exitCode_);
-    theDebugLog->log(name_ + " finished. " + suffix);
+    try {
+        const std::string suffix = exitCode_ == -1 ? std::string(" (exit code is not reported)")
+                                                   : "Exit code: " + std::to_string(exitCode_);
+        theDebugLog->log(name_ + " finished. " + suffix);
+    } catch (...) {  // NOLINT(bugprone-empty-catch): the run has ended; only the log lacks the line
+    }
 }
 
 void StartStopLogger::daemonized() const {

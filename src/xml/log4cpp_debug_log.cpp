@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "xml/log4cpp_debug_log.h"
 
+#include "commons/log_line.h"
 #include "xml/text_msg_formatter.h"
 
 #include <boost/format.hpp>
@@ -12,7 +13,7 @@ Log4cppDebugLog::Log4cppDebugLog(bool debugMode, bool verboseMode)
     : debugMode_(debugMode), verboseMode_(verboseMode) {}
 
 void Log4cppDebugLog::log(const std::string& text) {
-    log4cpp::Category::getInstance("k.log").info(text);
+    writeToLog(log4cpp::Category::getInstance("k.log"), log4cpp::Priority::INFO, text);
 }
 
 void Log4cppDebugLog::log(const boost::format& text) {

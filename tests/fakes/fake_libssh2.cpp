@@ -261,7 +261,8 @@ int libssh2_channel_send_eof(LIBSSH2_CHANNEL* channel) {
 }
 
 int libssh2_channel_eof(LIBSSH2_CHANNEL* channel) {
-    return scriptOf(channel).eof() ? 1 : 0;
+    const FakeChannel& script = scriptOf(channel);
+    return script.eofError != 0 ? script.eofError : static_cast<int>(script.eof());
 }
 
 int libssh2_poll(LIBSSH2_POLLFD* fds, unsigned int nfds, long timeout) {
@@ -292,11 +293,12 @@ int libssh2_channel_get_exit_signal(LIBSSH2_CHANNEL* channel, char** signal, std
                                     std::size_t* /*languageLength*/) {
     fake().record("exit_signal");
     const std::string& name = scriptOf(channel).exitSignal;
-    *signal = name.empty() ? nullptr : ::strdup(name.c_str());
+    const int error = scriptOf(channel).exitSignalError;
+    *signal = name.empty() || error != 0 ? nullptr : ::strdup(name.c_str());
     if (signalLength != nullptr) {
         *signalLength = name.size();
     }
-    return 0;
+    return error;
 }
 
 int libssh2_channel_free(LIBSSH2_CHANNEL* channel) {

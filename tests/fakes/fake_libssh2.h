@@ -27,6 +27,7 @@ struct FakeChannel {
     /// Standard output and standard error. End of file is there when both are used up.
     std::deque<FakeRead> reads[2];
     bool neverEof = false;
+    int eofError = 0;
     /// How many bytes a write takes at the most, or its error; all of them once used up.
     std::deque<int> writes;
     std::deque<int> sendEof;
@@ -37,6 +38,7 @@ struct FakeChannel {
     std::deque<int> free;
     int exitStatus = 0;
     std::string exitSignal;
+    int exitSignalError = 0;
 
     /// What was written.
     std::string input = {};

@@ -126,6 +126,10 @@ TEST_F(AgentSpec, GivesEmptyValuesForAFileThatCannotBeOpened) {
     EXPECT_THAT(Agent::parse(dir / "missing"), Each(""));
 }
 
+TEST_F(AgentSpec, FailsWhereTheFileCannotBeReadToItsEnd) {
+    EXPECT_THROW(Agent::parse("/"), Exc<&Agent::ParseFailed>);
+}
+
 TEST_F(AgentSpec, MakesAnAgentOfItsValues) {
     const Agent made = agent(
         "Description: A sample\nEntryPoint: run.py\nDocumentType: dump\nStylesheet: dump.xsl\n"

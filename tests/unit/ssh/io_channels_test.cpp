@@ -53,6 +53,13 @@ TEST(IOStreamReadChannel, IsEmptyForAFileThatCouldNotBeOpened) {
     EXPECT_EQ("", readOnce(channel, 16));
 }
 
+TEST(IOStreamReadChannel, FailsWhereTheFileCannotBeRead) {
+    std::ifstream directory("/");
+    IOStreamReadChannel channel(directory);
+    std::array<char, 16> buffer{};
+    EXPECT_EQ(-1, channel.read(buffer.data(), 16));
+}
+
 TEST(IOStreamWriteChannel, TakesAllBytes) {
     std::ostringstream stream;
     IOStreamWriteChannel channel(stream);

@@ -116,6 +116,11 @@ TEST_F(ChannelRead, GivesBytesOfBothStreams) {
     EXPECT_TRUE(channel().eof());
 }
 
+TEST_F(ChannelRead, TakesNoErrorForTheEnd) {
+    script().eofError = LIBSSH2_ERROR_BAD_USE;
+    EXPECT_THROW(channel().eof(), Exc<&SshConnectionFault>);
+}
+
 TEST_F(ChannelRead, GivesNothingWhileNothingIsThere) {
     script().reads[0] = {FakeRead::nothingYet(), {"late"}};
     EXPECT_EQ("", readOnce(0));
@@ -386,6 +391,12 @@ TEST_F(ExitStatus, Is255ForASignalThatIsNotNamedInTheProtocol) {
         script().exitSignal = name;
         EXPECT_EQ(255, channel().exitStatus()) << name;
     }
+}
+
+TEST_F(ExitStatus, Is255WhereTheLibraryHasNoMemoryForTheNameOfTheSignal) {
+    script().exitSignal = "KILL";
+    script().exitSignalError = LIBSSH2_ERROR_ALLOC;
+    EXPECT_EQ(255, channel().exitStatus());
 }
 
 }  // namespace

@@ -235,6 +235,16 @@ TEST_F(SshPut, CreatesAnEmptyRemoteFileForALocalFileThatDoesNotExist) {
     EXPECT_EQ(1U, fake().countOf("send_eof"));
 }
 
+TEST_F(SshPut, SendsNothingOfALocalFileThatIsThereAndCannotBeRead) {
+    std::filesystem::create_symlink("loop", dir / "loop");
+    EXPECT_THROW(ssh().put(dir / "loop", "remote"), Exc<&StreamRead>);
+    EXPECT_THAT(fake().callsOf("exec"), ElementsAre());
+}
+
+TEST_F(SshPut, FailsWhereTheLocalFileCannotBeReadOn) {
+    EXPECT_THROW(ssh().put("/", "remote"), Exc<&StreamRead>);
+}
+
 TEST_F(SshPut, SendsPiecesThatFillThePacketsOfTheLibrary) {
     std::istringstream in(std::string(200000, 'x'));
     ssh().put(in, "remote");

@@ -1,11 +1,14 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "commons/exception.h"
+#include "support/allocation_failure.h"
 #include "support/captured_stream.h"
 #include "support/child_process.h"
 #include "tallowick/driver.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <log4cpp/Category.hh>
+#include <log4cpp/OstreamAppender.hh>
 
 #include <fcntl.h>
 #include <sys/prctl.h>
@@ -14,10 +17,13 @@
 
 #include <cerrno>
 #include <csignal>
+#include <exception>
 #include <functional>
 #include <iostream>
+#include <optional>
 #include <stdexcept>
 #include <string>
+#include <tuple>
 
 int mainOfTheProgram(int argc, char** argv);
 
@@ -131,6 +137,22 @@ TEST(Main, ReturnsTheStatusOfTheRunAndPassesTheCommandLineOn) {
               }));
 }
 
+TEST(Main, ClosesTheLogBeforeTheProcessEnds) {
+    EXPECT_EQ(0, statusOfChild([] {
+                  static bool isClosed = false;
+                  struct Noted : log4cpp::OstreamAppender {
+                      Noted() : OstreamAppender("noted", &std::cerr) {}
+                      ~Noted() override { isClosed = true; }
+                  };
+                  realMain = [](int, char**) {
+                      log4cpp::Category::getRoot().addAppender(new Noted);
+                      return 0;
+                  };
+                  EXPECT_EQ(0, runMain());
+                  EXPECT_TRUE(isClosed);
+              }));
+}
+
 TEST(Main, UnblocksEverySignal) {
     EXPECT_EQ(0, statusOfChild([] {
                   sigset_t all;
@@ -165,6 +187,22 @@ TEST(Main, TellsAnErrorThatNobodyHandled) {
                       complaintAfter([] { throw Exc<&SomeError>("the context", "./some", 42) % "it"; });
                   EXPECT_THAT(complaint, StartsWith("Uncaught ExTraceableException: SomeError["));
                   EXPECT_THAT(complaint, EndsWith("]: some message about it [./some:42]\nthe context\n"));
+              }));
+}
+
+TEST(Main, TellsTheMessageAloneWhereMemoryDoesNotSufficeForMore) {
+    EXPECT_EQ(0, statusOfChild([] {
+                  const std::string it(20'000, 'x');
+                  const auto error = Exc<&SomeError>("the context", "./some", 42) % it;
+                  std::ignore = error.what();  // from now on it is there
+                  const std::exception_ptr thrown = std::make_exception_ptr(error);
+                  std::optional<test::AllocationFailure> failure;
+                  const std::string complaint = complaintAfter([&] {
+                      failure.emplace(it.size());
+                      std::rethrow_exception(thrown);
+                  });
+                  EXPECT_TRUE(test::AllocationFailure::happened());
+                  EXPECT_EQ("Uncaught ExTraceableException: some message about " + it + "\n", complaint);
               }));
 }
 
