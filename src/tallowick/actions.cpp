@@ -30,6 +30,8 @@ constexpr const char* kSourceName = "./actions";
 
 constexpr unsigned short kDefaultPort = 22;
 
+constexpr int kStatusOfCatWithoutFile = 1;
+
 // The bytes of this prefix are fixed: credentials that sudo has cached are dropped, so that it always takes
 // the first line of the input for the password; the prompt is a blank.
 constexpr const char* kSudoPrefix = "sudo -k; sudo -S -p ' ' ";
@@ -244,13 +246,22 @@ void GetDumpingStatusAction::execute() {
         status().saveFile();
         const std::string remotePath = dumpingStatusPath();
         takeFile(remotePath);
-        BoundedText err;
-        if (getSsh()->get(std::cout, err, remotePath, Ssh::null_counter) != 0) {
-            // Nothing to print yet; the reason is for support.
-            theDebugLog->log("Dumping status was not read: " + err.str());
-        }
+        print(remotePath);
     } catch (const ExTraceable& e) {
         throw KORVA_EXC_CAUSED_BY(DumpStatusError, e);
+    }
+}
+
+void GetDumpingStatusAction::print(const std::string& remotePath) {
+    BoundedText err;
+    const int result = getSsh()->get(std::cout, err, remotePath, Ssh::null_counter);
+    if (result == 0) {
+        return;
+    }
+    theDebugLog->log("Dumping status was not read: " + err.str());
+    // There may be nothing to print yet; but with sudo the file has just been taken.
+    if (cfg().sudo || result != kStatusOfCatWithoutFile) {
+        throw KORVA_EXC(SshUnknown) % ("cat " + remotePath) % result;
     }
 }
 

@@ -104,6 +104,9 @@ class GetDumpingStatusAction : public Action {
   public:
     GetDumpingStatusAction() : Action(true) {}
     void execute() override;
+
+  private:
+    void print(const std::string& remotePath);
 };
 
 /// Removes the agent directory from the source host. No failure on the way there or there is its own: an

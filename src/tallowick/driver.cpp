@@ -3,6 +3,7 @@
 
 #include "commons/session.h"
 #include "commons/socket.h"
+#include "commons/stream_errors.h"
 #include "commons/termination.h"
 #include "ssh/libssh2pp.h"
 #include "tallowick/action_factory.h"
@@ -21,6 +22,8 @@
 
 namespace korva {
 namespace {
+
+constexpr const char* kSourceName = "./driver";
 
 template <auto Tag>
 bool isKind(const ExTraceable& error) {
@@ -58,6 +61,9 @@ void readListFromInput(config& cfg) {
         if (*list == "-") {
             list->clear();
             std::getline(std::cin, *list);
+            if (std::cin.bad()) {  // half of a list must not pass for the whole
+                throw KORVA_EXC(StreamRead);
+            }
             return;
         }
     }

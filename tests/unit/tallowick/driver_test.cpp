@@ -262,6 +262,18 @@ TEST_F(Lists, AreEmptyWithNothingOnStandardInput) {
     EXPECT_EQ("", cfg.resellers);
 }
 
+TEST_F(Lists, EndTheRunWhereTheyCannotBeReadToTheirEnd) {
+    struct : std::streambuf {
+        int_type underflow() override { throw std::runtime_error("an error of reading"); }
+    } broken;
+    std::streambuf* const before = std::cin.rdbuf(&broken);
+    cfg.domains = "-";
+    letActionDo([] { ADD_FAILURE() << "half of a list has passed for the whole"; });
+    EXPECT_EQ(2, do_actions(cfg));
+    std::cin.rdbuf(before);
+    EXPECT_THAT(result(), HasSubstr("code=\"StreamRead\""));
+}
+
 TEST_F(Lists, AreThereWhenTheActionIsMade) {
     const FedStream input(std::cin, "one\n");
     cfg.resellers = "-";

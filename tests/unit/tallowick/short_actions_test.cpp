@@ -27,6 +27,7 @@ using test::FileSizeLimit;
 using test::productDir;
 using test::readFile;
 using test::writeFile;
+using testing::Contains;
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
@@ -190,6 +191,29 @@ TEST_F(GetDumpingStatus, PrintsNothingAndSucceedsWhenTheRemoteFileIsMissing) {
     EXPECT_EQ("", standardOutput.str());
     ASSERT_EQ(1U, debugLog.texts.size());
     EXPECT_THAT(debugLog.texts[0], HasSubstr("cat: No such file"));
+}
+
+TEST_F(GetDumpingStatus, FailsWhenTheCommandWasRefusedOrKilled) {
+    for (const int result : {255, 137, 127}) {
+        ssh.results[kGet] = {result, "", "the reason"};
+        try {
+            action.execute();
+            FAIL() << "no error";
+        } catch (const Exc<&DumpStatusError>& error) {
+            ASSERT_NE(nullptr, error.inner());
+            EXPECT_EQ(
+                "Command 'cat /agent/dumping-status.xml' has failed on the remote host with return code " +
+                    std::to_string(result),
+                error.inner()->what());
+        }
+    }
+}
+
+TEST_F(GetDumpingStatus, FailsWithSudoWhenTheFileThatWasTakenCannotBeRead) {
+    cfg.sudo = true;
+    ssh.results[kGet] = {1, "", "the reason"};
+    EXPECT_THROW(action.execute(), Exc<&DumpStatusError>);
+    EXPECT_THAT(debugLog.texts, Contains(HasSubstr("the reason")));
 }
 
 TEST_F(GetDumpingStatus, WrapsTheErrorThatStoppedIt) {
