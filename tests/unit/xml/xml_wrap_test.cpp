@@ -4,6 +4,7 @@
 #include "commons/filesystem.h"
 #include "support/files.h"
 #include "support/temp_dir.h"
+#include "xml/libxml_scope.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -208,6 +209,39 @@ TEST(XmlNodes, AdjacentTextsAreOneNode) {
     xmlNodePtr first = document.newText(document.root(), "a");
     EXPECT_EQ(document.newText(document.root(), "b"), first);
     EXPECT_EQ(Document::getNodeText(document.root()), "ab");
+}
+
+/// libxml2 gets no memory while it lives.
+class NoMemoryForLibxml2 {
+  public:
+    NoMemoryForLibxml2() {
+        xmlMemGet(&free_, &malloc_, &realloc_, &strdup_);
+        xmlMemSetup(
+            free_, [](std::size_t) -> void* { return nullptr; },
+            [](void*, std::size_t) -> void* { return nullptr; },
+            [](const char*) -> char* { return nullptr; });
+    }
+    NoMemoryForLibxml2(const NoMemoryForLibxml2&) = delete;
+    NoMemoryForLibxml2& operator=(const NoMemoryForLibxml2&) = delete;
+    ~NoMemoryForLibxml2() { xmlMemSetup(free_, malloc_, realloc_, strdup_); }
+
+  private:
+    xmlFreeFunc free_ = nullptr;
+    xmlMallocFunc malloc_ = nullptr;
+    xmlReallocFunc realloc_ = nullptr;
+    xmlStrdupFunc strdup_ = nullptr;
+};
+
+TEST(XmlNodes, TellThatThereIsNoMemoryForThem) {
+    tXmlDvxDocument document;
+    document.initNewDoc("r");
+    const LibxmlScope libxml;  // it has its own words for it
+    const NoMemoryForLibxml2 none;
+    EXPECT_THROW(document.newChild(document.root(), "n"), Exc<&tError_XmlInternal>);
+    EXPECT_THROW(document.newTextChild(document.root(), "n", "text"), Exc<&tError_XmlInternal>);
+    EXPECT_THROW(document.newText(document.root(), "text"), Exc<&tError_XmlInternal>);
+    EXPECT_THROW(document.addAttribute(document.root(), "a", "value"), Exc<&tError_XmlInternal>);
+    EXPECT_THROW(document.createNewDoc(), Exc<&tError_XmlInternal>);
 }
 
 TEST(NodeText, HasEntitiesSubstituted) {
