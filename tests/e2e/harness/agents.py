@@ -125,8 +125,11 @@ sub record {
 
 opendir my $calls, "$own/calls" or die "$own/calls: $!\\n";
 my $number = grep { !/^[.]/ } readdir $calls;
-my $call = sprintf '%s/calls/%04d', $own, $number + 1;
-mkdir $call or die "$call: $!\\n";
+my $call;
+do {
+    $call = sprintf '%s/calls/%04d', $own, ++$number;
+} until mkdir $call or not $!{EEXIST};  # calls may come at the same time
+-d $call or die "$call: $!\\n";
 binmode STDIN;
 binmode STDOUT;
 our $input = do { local $/; <STDIN> };

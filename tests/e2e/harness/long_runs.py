@@ -4,16 +4,18 @@
 import concurrent.futures
 import contextlib
 import os
+import resource
 import socket
 import subprocess
 import threading
 import time
 
 from harness.agents import DUMP, DeployedAgent
+from harness.peak import Measured
 from harness.places import make_dir
 from harness.probe import Probe, execute
 from harness.processes import kill_tree
-from harness.product import Product
+from harness.product import SMALL_SCOUT, Product
 from harness.program import Program, source
 from harness.relay import STALL, Fault, Relay
 from harness.scripted import Script, ScriptedServer
@@ -26,6 +28,11 @@ _FLEETING = "192.0.2.77"
 
 # Two starts of two minutes each, and some time on a busy machine.
 _HANGS_AFTER_S = 400
+
+# What a scout says on standard error that says too much.
+FLOOD_MIB = 1024
+_FLOOD = f"my $piece = q(e) x 65536; print STDERR $piece for 1 .. {FLOOD_MIB * 16}; exit 3;"
+_LOG_LIMIT = 16 * 1024 * 1024
 
 
 # Replaces its status as a whole twice a second; what it says besides must come through.
@@ -49,7 +56,8 @@ _LATE_S = 7.5
 class LongRuns:
     """Futures: of runs of the program (`silent_server`, `silent_key_exchange`, `silent_login`; dumps whose status is
     refreshed: `slow_dump` with what a watcher saw of the local status, `dump_over_slow_connection`,
-    `slow_fetch_of_dump`) and of one of the probe (`vanished_peer`). `dump_server` is the one that dumps."""
+    `slow_fetch_of_dump`; a scout that floods standard error, with what it took: `flood`) and of one of the probe
+    (`vanished_peer`). `dump_server` is the one that dumps."""
 
     def __init__(self, programs, directory):
         make_dir(directory)
@@ -65,6 +73,7 @@ class LongRuns:
         self.slow_dump = self._watch_dump(directory)
         self.dump_over_slow_connection = self._dump_over_slow_connection(directory)
         self.slow_fetch_of_dump = self._fetch_slowly(directory)
+        self.flood = self._flood(Program(programs["TALLOWICK_RELEASE_BIN"], make_dir(directory / "release")), directory)
         self.vanished_peer = self._lose_the_peer(Probe(programs["TALLOWICK_PROBE_BIN"], directory), directory)
 
     def _silent_listener(self):
@@ -84,8 +93,8 @@ class LongRuns:
     def _against(self, port):
         return _in_background(self._start("--send-scout", *source(port)).wait, timeout=_HANGS_AFTER_S)
 
-    def _start(self, *arguments):
-        running = self._program.start(*arguments)
+    def _start(self, *arguments, program=None, **options):
+        running = (program or self._program).start(*arguments, **options)
         self._running.append(running)
         # From here on the run needs no file of the product, which other tests change.
         wait_until(lambda: "Trying to start SSH session" in running.session.log, "the TCP connection")
@@ -127,6 +136,21 @@ class LongRuns:
             return running.wait(timeout=_HANGS_AFTER_S)
 
         return _in_background(feed)
+
+    def _flood(self, release, directory):
+        measured = Measured(directory / "account")
+        Product().set_scout(_FLOOD)
+        # Everything is logged; what the log would take is not what is looked at.
+        running = self._start("--send-scout", *source(self.dump_server), program=release, prefix=measured.prefix,
+                              preexec_fn=lambda: resource.setrlimit(resource.RLIMIT_FSIZE, (_LOG_LIMIT, _LOG_LIMIT)))
+        # The run has opened this one.
+        Product().scout_file.unlink()
+        Product().set_scout(SMALL_SCOUT)
+
+        def wait():
+            return running.wait(timeout=_HANGS_AFTER_S), measured.account()
+
+        return _in_background(wait)
 
     def _lose_the_peer(self, probe, directory):
         _ip_address("add")

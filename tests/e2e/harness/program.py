@@ -112,7 +112,7 @@ class Running:
                 written[name] = file.read_bytes()
         for secret in self._secrets:
             for where, content in written.items():
-                assert secret.encode() not in content, f"a password stands in {where}"
+                assert os.fsencode(secret) not in content, f"a password stands in {where}"
 
 
 class Program:
