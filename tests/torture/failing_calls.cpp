@@ -766,6 +766,8 @@ FAILS_FOR_PROGRAM(void*, nullptr, xmlSetProp, (void* node, const void* name, con
 FAILS_FOR_PROGRAM(void*, nullptr, xmlOutputBufferCreateIO,
                   (void* writes, void* closes, void* context, void* encoder),
                   (writes, closes, context, encoder))
+FAILS_FOR_PROGRAM(int, -1, xmlSaveFileTo, (void* buffer, void* document, const char* encoding),
+                  (buffer, document, encoding))
 FAILS_FOR_PROGRAM(void*, nullptr, xmlNewParserCtxt, (), ())
 FAILS_FOR_PROGRAM(void*, nullptr, xmlCtxtReadMemory,
                   (void* context, const char* data, int size, const char* url, const char* encoding,

@@ -37,6 +37,7 @@ HANGS_AFTER_S = 200
 # A whole run has many more; fewer mean that calls are no longer counted.
 LEAST_FAULTS = 5000
 SAMPLE_SECONDS = 80
+TELLS_EVERY = 1000  # runs
 
 
 @dataclass
@@ -152,6 +153,10 @@ class Tally:
             self.injected += reached
             self.by_call[fault.name] += reached
             self.findings += wrong
+            for finding in wrong:
+                print(f"{finding.kind}: {finding.fault}: {finding.text}", flush=True)
+            if self.runs % TELLS_EVERY == 0:
+                print(f"{self.runs} runs, {len(self.findings)} findings", flush=True)
 
     def count(self, kind):
         return len({finding.fault for finding in self.findings if finding.kind == kind})
