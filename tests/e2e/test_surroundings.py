@@ -254,7 +254,7 @@ def test_too_few_descriptors_are_an_error(actions, server, action):
 @pytest.mark.parametrize("action", ["--send-scout", "--deploy-agent", "--dump-all", "--get-content"])
 def test_too_little_memory_is_an_error(actions, server, action):
     statuses = []
-    for mib in (*range(8, 32, 4), *range(32, 72, 8)):
+    for mib in (*range(8, 32, 4), *range(32, 64, 8), 128):
         actions.restore()
         run = actions.start(action, server, **limited(resource.RLIMIT_AS, mib << 20)).wait(statuses=OR_NOT_LOADED)
         statuses.append(run.status)
@@ -472,7 +472,7 @@ def test_stops_and_continuations_disturb_nothing(actions, server, action):
         with contextlib.suppress(subprocess.TimeoutExpired):
             running.popen.wait(0.002)
     assert_done(action, running.wait())
-    assert rounds > 10
+    assert rounds > 3
 
 
 TOGETHER = 50
