@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "tallowick/driver.h"
 
+#include "commons/filesystem.h"
 #include "commons/session.h"
 #include "commons/socket.h"
 #include "commons/termination.h"
@@ -63,7 +64,7 @@ class DoActions : public testing::Test {
     std::string resultName() const { return dir / "session/migration.result"; }
     std::string result() const { return readFile(resultName()); }
     /// From here on the result document cannot be saved.
-    void occupyResult() const { std::filesystem::create_directories(resultName() + "/occupied"); }
+    void loseSession() const { std::filesystem::remove_all(dir / "session"); }
 
     template <auto Tag, typename... Arguments>
     int statusAfter(const Arguments&... arguments) {
@@ -320,20 +321,20 @@ TEST_F(UnsavedIdleStatus, EndsARunAtItsStart) {
 using UnsavedResult = DoActions;
 
 TEST_F(UnsavedResult, OfASuccessfulActionLeavesWithItsError) {
-    letActionDo([this] { occupyResult(); });
-    EXPECT_THROW(do_actions(cfg), Exc<&CantRenameFile>);
+    letActionDo([this] { loseSession(); });
+    EXPECT_THROW(do_actions(cfg), Exc<&CantCreateTempFile>);
     EXPECT_EQ("", error.str()) << "main() tells it";
     EXPECT_EQ(nullptr, theLog);
 }
 
 TEST_F(UnsavedResult, OfAFailedActionIsToldAndItsStatusStays) {
     letActionDo([this] {
-        occupyResult();
+        loseSession();
         throw Exc<&SshConnectionFault>("context", "file", 1);
     });
     EXPECT_EQ(18, do_actions(cfg));
     ASSERT_EQ(2U, debugLog.errors.size());
-    EXPECT_THAT(debugLog.errors[1], HasSubstr("Cannot rename"));
+    EXPECT_THAT(debugLog.errors[1], HasSubstr("Can not create temporary file"));
     EXPECT_EQ("Lost connection with the remote host" + debugLog.errors[1], error.str());
 }
 
@@ -355,7 +356,7 @@ TEST_F(UnsavedResult, OfASuccessfulActionLeavesWithTheErrorOfTheDiskToo) {
 
 TEST_F(UnsavedResult, OfAnExceptionThatPassesNeverReplacesIt) {
     letActionDo([this] {
-        occupyResult();
+        loseSession();
         throw std::logic_error("another");
     });
     EXPECT_THROW(do_actions(cfg), std::logic_error);
