@@ -48,7 +48,7 @@ void keepPredecessor(const std::string& fileName) {
         const std::string keptName = fileName + "." + std::to_string(number);
         const int error = renameToFreeName(fileName, keptName);
         // A read-only file system says so even where there is nothing to be moved.
-        if (error == 0 || !exists(fileName)) {
+        if (error == 0 || error == ENOENT || (error == EROFS && !exists(fileName))) {
             return;
         }
         if (error != EEXIST) {
