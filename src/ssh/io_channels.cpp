@@ -8,9 +8,6 @@ int IOStreamReadChannel::read(char* buffer, unsigned size) {
         return 0;
     }
     stream_.read(buffer, static_cast<std::streamsize>(size));
-    if (stream_.bad()) {  // else what cannot be read would look like the end
-        return -1;
-    }
     return static_cast<int>(stream_.gcount());
 }
 

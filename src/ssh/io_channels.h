@@ -19,7 +19,8 @@ class IOReadChannel {
 class IOStreamReadChannel : public IOReadChannel {
   public:
     explicit IOStreamReadChannel(std::istream& stream) : stream_(stream) {}
-    /// Fails when the stream cannot be read; a stream that could not be opened is empty.
+    /// Never fails: a stream that could not be opened is empty, and one that cannot be read on has ended. Ask
+    /// the stream.
     int read(char* buffer, unsigned size) override;
 
   private:

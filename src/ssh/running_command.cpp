@@ -17,6 +17,8 @@
 namespace korva {
 namespace {
 
+constexpr const char* kSourceName = "./ssh-transfer";
+
 constexpr int kStandardOutput = 0;
 constexpr int kStandardError = 1;
 
@@ -59,6 +61,9 @@ void RunningCommand::sendInput() {
         pump(source, sink);
     } else {
         pump_with_log(source, sink, ssh_);
+    }
+    if (request_.in.bad()) {  // what cannot be read on is not its end
+        throw KORVA_EXC(StreamRead);
     }
 }
 

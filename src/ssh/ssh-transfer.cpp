@@ -19,6 +19,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstring>
 #include <fstream>
 #include <sstream>
 #include <tuple>
@@ -160,10 +161,9 @@ void Ssh::put(std::istream& in, const std::string& remotePath) {
 
 void Ssh::put(const std::string& localPath, const std::string& remotePath) {
     debugLine(category()) << "Writing file " << localPath << " to the remote host";
-    errno = 0;
     std::ifstream file(localPath);
-    if (!file && errno != ENOENT) {  // what does not exist is an empty input, what cannot be read is none
-        throw KORVA_EXC(StreamRead);
+    if (!file) {  // it is an empty input all the same
+        errorLine(category()) << "Cannot read " << localPath << ": " << std::strerror(errno);
     }
     put(file, remotePath);
 }

@@ -13,6 +13,9 @@ MANDATED_SUCCESSES = {
         lambda case, run, undone: case.action == "remove-agent",
     "remove-dumping-status does not look at its outcome":
         lambda case, run, undone: case.action == "remove-dumping-status",
+    "a local file that cannot be opened is sent as an empty one":
+        lambda case, run, undone: case.action == "deploy-agent" and "is not as it must be" in undone and
+        "ERROR k.Ssh: Cannot read " in run.session.log,
     "the status of an upload is logged and nothing else":
         lambda case, run, undone: case.action == "deploy-agent" and "is not as it must be" in undone and
         "has ended with return code" in run.session.log,

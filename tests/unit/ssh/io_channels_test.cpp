@@ -53,11 +53,11 @@ TEST(IOStreamReadChannel, IsEmptyForAFileThatCouldNotBeOpened) {
     EXPECT_EQ("", readOnce(channel, 16));
 }
 
-TEST(IOStreamReadChannel, FailsWhereTheFileCannotBeRead) {
+TEST(IOStreamReadChannel, LeavesItToTheStreamThatTheFileCannotBeRead) {
     std::ifstream directory("/");
     IOStreamReadChannel channel(directory);
-    std::array<char, 16> buffer{};
-    EXPECT_EQ(-1, channel.read(buffer.data(), 16));
+    EXPECT_EQ("", readOnce(channel, 16));
+    EXPECT_TRUE(directory.bad());
 }
 
 TEST(IOStreamWriteChannel, TakesAllBytes) {
