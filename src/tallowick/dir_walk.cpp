@@ -33,7 +33,9 @@ class TreeWalk {
         while (const dirent* const entry = nextOf(listing.get(), localDirectory)) {
             const std::string name(static_cast<const char*>(entry->d_name));
             if (name != "." && name != "..") {
-                visit(localDirectory / name, remoteDirectory + "/" + name);
+                std::string remotePath = remoteDirectory;
+                remotePath.append("/").append(name);
+                visit(localDirectory / name, remotePath);
             }
         }
         path_.pop_back();
