@@ -15,14 +15,6 @@ std::string BoundedText::Buffer::str() const {
     return head_ + "\n[" + std::to_string(missing) + " bytes left out]\n" + tail_.substr(beyond);
 }
 
-std::streambuf::int_type BoundedText::Buffer::overflow(int_type c) {
-    if (!traits_type::eq_int_type(c, traits_type::eof())) {
-        const char byte = traits_type::to_char_type(c);
-        xsputn(&byte, 1);
-    }
-    return traits_type::not_eof(c);
-}
-
 std::streamsize BoundedText::Buffer::xsputn(const char* data, std::streamsize size) {
     std::string_view text(data, static_cast<std::size_t>(size));
     const std::size_t first = std::min(text.size(), kEndSize - head_.size());
@@ -33,12 +25,6 @@ std::streamsize BoundedText::Buffer::xsputn(const char* data, std::streamsize si
         tail_.erase(0, tail_.size() - kEndSize);
     }
     return size;
-}
-
-std::streambuf::int_type LimitedText::Buffer::overflow(int_type c) {
-    const char byte = traits_type::to_char_type(c);
-    return traits_type::eq_int_type(c, traits_type::eof()) || xsputn(&byte, 1) == 1 ? traits_type::not_eof(c)
-                                                                                    : traits_type::eof();
 }
 
 std::streamsize LimitedText::Buffer::xsputn(const char* data, std::streamsize size) {

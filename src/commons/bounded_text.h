@@ -1,9 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include "commons/sink_buffer.h"
+
 #include <cstddef>
 #include <ostream>
-#include <streambuf>
 #include <string>
 
 namespace korva {
@@ -20,12 +21,11 @@ class BoundedText : public std::ostream {
     std::string str() const { return buffer_.str(); }
 
   private:
-    class Buffer : public std::streambuf {
+    class Buffer : public SinkBuffer {
       public:
         std::string str() const;
 
       protected:
-        int_type overflow(int_type c) override;
         std::streamsize xsputn(const char* data, std::streamsize size) override;
 
       private:
@@ -47,14 +47,13 @@ class LimitedText : public std::ostream {
     bool exceeded() const { return buffer_.exceeded; }
 
   private:
-    struct Buffer : public std::streambuf {
+    struct Buffer : public SinkBuffer {
         explicit Buffer(std::size_t limit) : limit_(limit) {}
 
         std::string text;
         bool exceeded = false;
 
       protected:
-        int_type overflow(int_type c) override;
         std::streamsize xsputn(const char* data, std::streamsize size) override;
 
       private:

@@ -1,8 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include "commons/sink_buffer.h"
+
 #include <ostream>
-#include <streambuf>
 
 namespace korva {
 
@@ -12,9 +13,8 @@ class DiscardStream : public std::ostream {
     DiscardStream() : std::ostream(&buffer_) {}
 
   private:
-    class Buffer : public std::streambuf {
+    class Buffer : public SinkBuffer {
       protected:
-        int_type overflow(int_type c) override { return traits_type::not_eof(c); }
         std::streamsize xsputn(const char* /*data*/, std::streamsize size) override { return size; }
     };
 

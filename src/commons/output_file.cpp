@@ -5,6 +5,7 @@
 #include "commons/regular_file.h"
 #include "commons/stream_errors.h"
 #include "utils/accounts.h"
+#include "utils/write_all.h"
 
 #include <log4cpp/Category.hh>
 
@@ -13,6 +14,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <string_view>
 #include <tuple>
 #include <utility>
 
@@ -44,26 +46,13 @@ void DescriptorBuffer::fail() {
     }
 }
 
-DescriptorBuffer::int_type DescriptorBuffer::overflow(int_type c) {
-    const char byte = traits_type::to_char_type(c);
-    return traits_type::eq_int_type(c, traits_type::eof()) || xsputn(&byte, 1) == 1 ? traits_type::not_eof(c)
-                                                                                    : traits_type::eof();
-}
-
 std::streamsize DescriptorBuffer::xsputn(const char* data, std::streamsize size) {
-    std::streamsize done = 0;
-    while (done < size) {
-        const ssize_t written = ::write(fd(), data + done, static_cast<std::size_t>(size - done));
-        if (written < 0 && errno == EINTR) {
-            continue;
-        }
-        if (written <= 0) {
-            fail();
-            break;
-        }
-        done += written;
+    const auto written =
+        static_cast<std::streamsize>(writeAll(fd(), std::string_view(data, static_cast<std::size_t>(size))));
+    if (written < size) {
+        fail();
     }
-    return done;
+    return written;
 }
 
 OutputFile::OutputFile(const std::string& path)

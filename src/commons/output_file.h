@@ -2,16 +2,16 @@
 #pragma once
 
 #include "commons/descriptor.h"
+#include "commons/sink_buffer.h"
 
 #include <ostream>
-#include <streambuf>
 #include <string>
 
 namespace korva {
 
 /// Writes straight to a descriptor, which it owns. The reason of the first failure is kept, and told in the
 /// log.
-class DescriptorBuffer : public std::streambuf {
+class DescriptorBuffer : public SinkBuffer {
   public:
     /// Takes the result of open(2), with errno as it left it; `name` is for the log.
     DescriptorBuffer(int fd, std::string name);
@@ -22,7 +22,6 @@ class DescriptorBuffer : public std::streambuf {
     int error() const { return error_; }
 
   protected:
-    int_type overflow(int_type c) override;
     std::streamsize xsputn(const char* data, std::streamsize size) override;
 
   private:

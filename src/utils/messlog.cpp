@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "utils/messlog.h"
 
+#include "utils/write_all.h"
+
 #include <unistd.h>
 
 #include <cerrno>
@@ -10,6 +12,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <string>
+#include <tuple>
 
 namespace korva {
 namespace {
@@ -31,21 +34,11 @@ bool inForkedChild = false;
     return text;
 }
 
-void writeAll(int fd, const std::string& text) {
-    std::size_t written = 0;
-    while (written < text.size()) {
-        const ssize_t size = ::write(fd, text.data() + written, text.size() - written);
-        if (size < 0 && errno != EINTR) {
-            return;
-        }
-        written += size > 0 ? static_cast<std::size_t>(size) : 0;
-    }
-}
-
 void print(const std::string& text) {
     if (inForkedChild) {
-        writeAll(STDERR_FILENO, text);
-        writeAll(STDOUT_FILENO, text);
+        // Nobody is left to be told of a failure.
+        std::ignore = writeAll(STDERR_FILENO, text);
+        std::ignore = writeAll(STDOUT_FILENO, text);
         return;
     }
     for (std::FILE* stream : {stderr, stdout}) {

@@ -4,6 +4,7 @@
 #include "commons/filesystem.h"
 #include "commons/system_error.h"
 #include "commons/xml_text.h"
+#include "utils/write_all.h"
 #include "xml/libxml_scope.h"
 #include "xml/panel_owner.h"
 #include "xml/xml_parse.h"
@@ -89,18 +90,6 @@ bool serialise(const std::shared_ptr<xmlDoc>& doc, std::string& bytes) {
     return dump(doc, xmlOutputBufferCreateIO(&appendToString, nullptr, &bytes, encoder));
 }
 
-bool writeAll(int fd, std::string_view bytes) {
-    while (!bytes.empty()) {
-        const ssize_t written = ::write(fd, bytes.data(), bytes.size());
-        if (written > 0) {
-            bytes.remove_prefix(static_cast<std::string_view::size_type>(written));
-        } else if (written == 0 || errno != EINTR) {
-            return false;
-        }
-    }
-    return true;
-}
-
 bool writeFile(const char* fileName, const std::string& bytes) {
     // Others may be able to write in the directory: a link is not followed, nor the reader of a FIFO awaited.
     const int fd =
@@ -108,7 +97,7 @@ bool writeFile(const char* fileName, const std::string& bytes) {
     if (fd == -1) {
         return false;
     }
-    const bool written = writeAll(fd, bytes);
+    const bool written = writeAll(fd, bytes) == bytes.size();
     return ::close(fd) == 0 && written;
 }
 
