@@ -29,7 +29,7 @@ bool isDirectory(const std::string& path) {
 
 void makeSessionDirectory(const std::string& path) {
     // The uid stands in for a group id: what reads sessions in the panel's name counts on that group.
-    const gid_t group = get_user_id("ovnadm");
+    const gid_t group = get_user_id(kPanelAccount);
     make_dir(path, 0, group, kDirectoryMode);
 }
 

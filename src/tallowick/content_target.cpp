@@ -28,7 +28,6 @@ namespace {
 namespace fs = std::filesystem;
 
 constexpr mode_t kContentDirectoryMode = 0755;
-constexpr const char* kPanelAccount = "ovnadm";
 
 // The names in a path, without those that lead nowhere.
 std::vector<std::string> components(const std::string& path) {
@@ -93,20 +92,24 @@ std::optional<std::string> ContentTarget::refusal(const std::string& listedPath)
 
 // Each part of the path counts: a directory made under such a name would be as bad.
 bool ContentTarget::isFileOfThisRun(const std::string& listedPath) const {
-    std::error_code missing;
-    // What is missing so far may lead up again once it is made.
-    fs::path local = fs::weakly_canonical(directory_, missing);
-    if (missing) {
-        local = directory_;
-    }
+    fs::path parent;
     for (const std::string& name : components(listedPath)) {
-        if (IncomingFile::isTemporaryName(name) ||
-            (isNameOfThisRun(name) && fs::equivalent(local, theSession->getDir(), missing))) {
+        if (IncomingFile::isTemporaryName(name) || (isNameOfThisRun(name) && isSessionDirectory(parent))) {
             return true;
         }
-        local /= name;
+        parent /= name;
     }
     return false;
+}
+
+bool ContentTarget::isSessionDirectory(const fs::path& relative) const {
+    std::error_code failure;
+    // What is missing so far may lead up again once it is made.
+    fs::path directory = fs::weakly_canonical(directory_, failure);
+    if (failure) {
+        directory = directory_;
+    }
+    return fs::equivalent(directory / relative, theSession->getDir(), failure);
 }
 
 Descriptor ContentTarget::enterDirectoryOf(const std::string& listedPath) {

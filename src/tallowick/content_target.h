@@ -5,6 +5,7 @@
 
 #include <sys/types.h>
 
+#include <filesystem>
 #include <optional>
 #include <set>
 #include <string>
@@ -48,6 +49,7 @@ class ContentTarget {
 
   private:
     bool isFileOfThisRun(const std::string& listedPath) const;
+    bool isSessionDirectory(const std::filesystem::path& relative) const;
     bool makeDirectoryAt(const Descriptor& parent, const std::string& name) const;
 
     std::string directory_;

@@ -11,6 +11,7 @@
 #include "commons/stream_errors.h"
 #include "tallowick/args_builder.h"
 #include "tallowick/dir_walk.h"
+#include "utils/accounts.h"
 
 #include <log4cpp/Category.hh>
 
@@ -106,7 +107,7 @@ void SendAgentAction::requestStatus() {
             .str();
     const int exitCode = execRoot(command, answer, err, false);
     if (exitCode == 0) {
-        answer.giveTo("ovnadm");
+        answer.giveTo(kPanelAccount);
     }
     answer.close();
     if (exitCode != 0) {

@@ -7,6 +7,9 @@
 
 namespace korva {
 
+/// The account that the panel runs under, which is given the files that it is to read.
+inline constexpr const char* kPanelAccount = "ovnadm";
+
 /// The uid of a local account; 0, with a message, when there is none of that name.
 uid_t get_user_id(const std::string& user);
 

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "xml/panel_owner.h"
 
+#include "utils/accounts.h"
 #include "xml/xml_errors.h"
 
 #include <pwd.h>
@@ -13,7 +14,6 @@ namespace korva {
 namespace {
 
 constexpr const char* kSourceName = "./xml_wrap";
-constexpr const char* kPanelAccount = "ovnadm";
 
 // What getpwnam(3) leaves in errno for an account that does not exist depends on the name service; its texts
 // ("No such file or directory", "No such process") would send the reader after the wrong thing.
