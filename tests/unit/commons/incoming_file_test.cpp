@@ -5,6 +5,7 @@
 #include "commons/system_error.h"
 #include "commons/umask_scope.h"
 #include "support/child_process.h"
+#include "support/fake_flock.h"
 #include "support/file_size_limit.h"
 #include "support/files.h"
 #include "support/temp_dir.h"
@@ -21,36 +22,16 @@
 
 #include <algorithm>
 #include <filesystem>
-#include <functional>
 #include <optional>
 #include <string>
 #include <vector>
-
-namespace {
-
-std::function<void()> beforeFlock;
-
-}  // namespace
-
-// The linker gives calls of flock to __wrap_flock, and calls of __real_flock to flock (ld's --wrap).
-extern "C" {
-// NOLINTBEGIN(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp)
-int __real_flock(int fd, int operation);
-
-int __wrap_flock(int fd, int operation) {
-    if (beforeFlock) {
-        beforeFlock();
-    }
-    return __real_flock(fd, operation);
-}
-// NOLINTEND(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp)
-}
 
 namespace korva {
 namespace {
 
 namespace fs = std::filesystem;
 
+using test::beforeFlock;
 using test::FileSizeLimit;
 using test::readFile;
 using test::statusOfChild;

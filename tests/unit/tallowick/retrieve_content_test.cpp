@@ -8,6 +8,7 @@
 #include "fakes/fake_fsync.h"
 #include "ssh/libssh2pp.h"
 #include "support/fake_clock.h"
+#include "support/fake_flock.h"
 #include "support/file_size_limit.h"
 #include "support/thrown_errors.h"
 #include "unit/tallowick/agent_fixture.h"
@@ -21,7 +22,6 @@
 #include <cerrno>
 #include <cstdint>
 #include <filesystem>
-#include <functional>
 #include <limits>
 #include <optional>
 #include <stdexcept>
@@ -31,15 +31,14 @@
 namespace {
 
 std::optional<std::uint64_t> freeBytes;
-std::function<void()> beforeFlock;
 
 }  // namespace
 
-// The linker gives calls of a function f to __wrap_f, and calls of __real_f to f (ld's --wrap).
+// The linker gives calls of statfs64 to __wrap_statfs64, and calls of __real_statfs64 to statfs64 (ld's
+// --wrap).
 extern "C" {
 // NOLINTBEGIN(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp)
 int __real_statfs64(const char* path, struct statfs64* statistics);
-int __real_flock(int fd, int operation);
 
 int __wrap_statfs64(const char* path, struct statfs64* statistics) {
     const int result = __real_statfs64(path, statistics);
@@ -49,13 +48,6 @@ int __wrap_statfs64(const char* path, struct statfs64* statistics) {
     }
     return result;
 }
-
-int __wrap_flock(int fd, int operation) {
-    if (beforeFlock) {
-        beforeFlock();
-    }
-    return __real_flock(fd, operation);
-}
 // NOLINTEND(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp)
 }
 
@@ -64,6 +56,7 @@ namespace {
 
 namespace fs = std::filesystem;
 
+using test::beforeFlock;
 using test::ErrorRecord;
 using test::errorsOf;
 using test::FileSizeLimit;
