@@ -255,8 +255,8 @@ TEST(OvnConfStore, KeepsCopies) {
     std::string name = "NAME";
     std::string value = "value";
     ASSERT_EQ(0, conf_set_r(name.c_str(), value.c_str(), &conf));
-    name = "XXXX";
-    value = "xxxxx";
+    name = "OTHER";
+    value = "other";
     EXPECT_STREQ("value", conf_get_r("NAME", &conf));
 }
 
