@@ -68,6 +68,14 @@ int statusOfRun(int argc, char** argv) {
     return korva::kExitUsage;
 }
 
+int statusToEndWith = korva::kExitUsage;
+
+// The run is over and told: a library's destructor that finds no memory must not end it by a signal.
+void keepStatus(int status) {
+    statusToEndWith = status;
+    std::set_terminate([] { _exit(statusToEndWith); });
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -78,5 +86,6 @@ int main(int argc, char** argv) {
     forbidCoreDumps();
     const int status = statusOfRun(argc, argv);
     korva::closeLog();
+    keepStatus(status);
     return status;
 }
