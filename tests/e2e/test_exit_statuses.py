@@ -55,7 +55,12 @@ def wrong_password(program, server, **_):
 
 
 def lost_connection(program, start_scripted, **_):
-    return program.run("--send-scout", *source(start_scripted(run=lambda command: command.drop())))
+    def run(command):
+        # A connection that is lost while the script is sent ends the run otherwise.
+        command.read_input()
+        command.drop()
+
+    return program.run("--send-scout", *source(start_scripted(run=run)))
 
 
 # The name of each status in the program, and a run that ends with it.

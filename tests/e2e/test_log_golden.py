@@ -43,7 +43,8 @@ def normalised(records, replacements):
     # Longer values first: one may be part of another.
     for value, name in sorted(((str(value), name) for name, value in replacements.items()),
                               key=lambda pair: -len(pair[0])):
-        text = text.replace(value, "{" + name + "}")
+        # Whole words only: a port's digits may occur in a sum.
+        text = re.sub(rf"(?<!\w){re.escape(value)}(?!\w)", lambda _, name=name: "{" + name + "}", text)
     for pattern, replacement in PATTERNS:
         text = pattern.sub(replacement, text)
     return text

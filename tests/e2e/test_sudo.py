@@ -188,7 +188,8 @@ def test_sudo_that_reads_nothing_does_not_hang(tallowick, fake_sudo, product):
 
 
 def test_connection_lost_amid_the_check_is_no_missing_sudo(tallowick, start_scripted):
-    run = send(tallowick, start_scripted(run=lambda command: command.drop()), OWNER, OWNER.password)
+    run = send(tallowick, start_scripted(run=lambda command: (command.read_input(), command.drop())), OWNER,
+               OWNER.password)
     assert run.status == 18
     assert run.session.error().code == "SshConnectionFault"
 
