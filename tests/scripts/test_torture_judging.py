@@ -128,9 +128,20 @@ def test_every_case_belongs_to_one_of_the_seven_actions():
                        "remove-agent", "remove-dumping-status"}
 
 
-def test_call_stack_of_an_earlier_action_is_not_taken_again():
-    first = torture.Fault("a", "new", 1, 0, "77")
-    again = torture.Fault("b", "new", 9, 0, "77")
-    other = torture.Fault("b", "new", 8, 0, "78")
-    calls = [torture.Fault("a", "write", 1, 0, "0"), torture.Fault("b", "write", 1, 0, "0")]
-    assert torture.distinct([first, *calls, again, other]) == [first, *calls, other]
+def test_memory_that_is_never_freed_is_a_finding(case):
+    assert kinds(case, stderr=b"==1==ERROR: LeakSanitizer: detected memory leaks") == {"leak"}
+
+
+def test_place_is_taken_again_only_in_the_first_case_of_an_action_and_for_no_allocation():
+    def fault(case, name, stack, ordinal=1, way=0):
+        return torture.Fault(case, name, ordinal, way, stack)
+
+    wanted = [
+        fault("get-content", "write", "77"), fault("get-content", "write", "77", ordinal=2), fault("get-content", "new", "5"),
+        fault("dump-all", "write", "77"),
+        fault("get-content, again", "write", "78"), fault("get-content, again", "write", "77", way=1),
+        fault("get-content, again", "new", "6"),
+    ]
+    known = [fault("get-content, again", "write", "77"), fault("dump-all", "new", "5", ordinal=9),
+             fault("get-content, sudo", "write", "78")]
+    assert torture.distinct([*wanted, *known]) == wanted

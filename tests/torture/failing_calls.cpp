@@ -2,14 +2,12 @@
 //
 // A library to preload: it counts the calls of a program that may fail, and lets one of them fail.
 //
-//   FAILING_CALLS_LIST=FILE                 a line is appended for each call: "NAME ORDINAL WAYS STACK",
-//   where WAYS is
-//                                           the number of ways in which the call may fail, and STACK (for
-//                                           "new" only) tells call stacks from each other, in other runs too
-//   FAILING_CALLS_FAIL=NAME:ORDINAL:WAY     lets the ORDINAL-th call of NAME fail (from 1) in one of its ways
-//   (from 0);
-//                                           then the list has the one line "failed NAME ORDINAL WAY" and the
-//                                           call stack
+//   FAILING_CALLS_LIST=FILE                 a line is appended for each call: "NAME ORDINAL WAYS STACK".
+//                                           WAYS is the number of ways in which it may fail; STACK tells
+//                                           call stacks from each other, in other runs too
+//   FAILING_CALLS_FAIL=NAME:ORDINAL:WAY     lets the ORDINAL-th call of NAME fail (from 1) in one of its
+//                                           ways (from 0); the list then has one line "failed NAME ORDINAL
+//                                           WAY" and the call stack
 //   FAILING_CALLS_TICK_MS=N                 alarm(2) rings after N milliseconds, whatever it was asked for
 //
 // "new" counts the distinct call stacks of operator new, not its calls. A connection that a failure has ended
@@ -89,12 +87,20 @@ constexpr int kMostFrames = 64;
 struct Stack {
     std::uintptr_t frames[kMostFrames];
     int size = 0;
+
+    static Stack ofCaller();
 };
 
 _Unwind_Reason_Code addFrame(_Unwind_Context* context, void* data) {
     auto& stack = *static_cast<Stack*>(data);
     stack.frames[stack.size++] = _Unwind_GetIP(context);
     return stack.size < kMostFrames ? _URC_NO_REASON : _URC_END_OF_STACK;
+}
+
+Stack Stack::ofCaller() {
+    Stack stack;
+    _Unwind_Backtrace(&addFrame, &stack);
+    return stack;
 }
 
 constexpr std::uint64_t kNoHash = 14695981039346656037U;
@@ -146,8 +152,7 @@ bool isNew(const Stack& stack) {
 }
 
 void tellStack() {
-    Stack stack;
-    _Unwind_Backtrace(&addFrame, &stack);
+    const Stack stack = Stack::ofCaller();
     for (int i = 0; i < stack.size; ++i) {
         Dl_info place{};
         char line[512];
@@ -183,8 +188,8 @@ struct Point {
         return count;
     }
 
-    /// 0, or the way in which this call fails. `stack` is told beside it.
-    int failure(std::uint64_t stack = 0) {
+    /// 0, or the way in which this call fails.
+    int failure() {
         if (!isActive) {
             return 0;
         }
@@ -195,7 +200,7 @@ struct Point {
         int chosen = 0;
         if (plan.ordinal == 0) {
             tell(line, snprintf(line, sizeof line, "%s %lu %d %lx\n", name, calls, count,
-                                static_cast<unsigned long>(stack)));
+                                static_cast<unsigned long>(lastingHashOf(Stack::ofCaller()))));
         } else if (calls == plan.ordinal && plan.way < count && strcmp(name, plan.name) == 0) {
             plan.ordinal = ~0UL;  // once
             tell(line, snprintf(line, sizeof line, "failed %s %lu %d\n", name, calls, plan.way));
@@ -333,12 +338,7 @@ namespace {
 bool allocationFails() {
     static constinit Point point{"new", {ENOMEM}};
     const bool isAsked = plan.ordinal == 0 || (plan.ordinal != ~0UL && strcmp(plan.name, "new") == 0);
-    if (!isActive || !isAsked) {
-        return false;
-    }
-    Stack stack;
-    _Unwind_Backtrace(&addFrame, &stack);
-    return isNew(stack) && point.failure(plan.ordinal == 0 ? lastingHashOf(stack) : 0) != 0;
+    return isActive && isAsked && isNew(Stack::ofCaller()) && point.failure() != 0;
 }
 
 void* allocate(std::size_t size) {
@@ -687,7 +687,6 @@ FAILS_WITH_SSH_NULL(LIBSSH2_CHANNEL*, libssh2_channel_open_ex,
 FAILS_WITH_SSH_ERROR(int, libssh2_session_method_pref,
                      (LIBSSH2_SESSION * session, int kind, const char* methods), (session, kind, methods),
                      LIBSSH2_ERROR_METHOD_NOT_SUPPORTED, LIBSSH2_ERROR_ALLOC)
-FAILS_WITH_SSH_ERROR(int, libssh2_session_free, (LIBSSH2_SESSION * session), (session), LIBSSH2_ERROR_EAGAIN)
 FAILS_WITH_SSH_ERROR(int, libssh2_userauth_password_ex,
                      (LIBSSH2_SESSION * session, const char* login, unsigned loginSize, const char* password,
                       unsigned passwordSize, void* change),
@@ -740,6 +739,14 @@ STANDS_FOR(ssize_t, libssh2_channel_write_ex,
     return NEXT(libssh2_channel_write_ex)(channel, stream, data, size);
 }
 
+// The session is freed all the same: nobody asks twice.
+STANDS_FOR(int, libssh2_session_free, (LIBSSH2_SESSION * session)) {
+    static constinit Point point{"libssh2_session_free", {LIBSSH2_ERROR_EAGAIN}};
+    const int failure = point.failure();
+    const int result = NEXT(libssh2_session_free)(session);
+    return failure != 0 ? failure : result;
+}
+
 // The remote command has done its work, and says that it has failed.
 STANDS_FOR(int, libssh2_channel_get_exit_status, (LIBSSH2_CHANNEL * channel)) {
     static constinit Point point{"libssh2_channel_get_exit_status", {1, 255}};
@@ -766,8 +773,6 @@ FAILS_FOR_PROGRAM(void*, nullptr, xmlSetProp, (void* node, const void* name, con
 FAILS_FOR_PROGRAM(void*, nullptr, xmlOutputBufferCreateIO,
                   (void* writes, void* closes, void* context, void* encoder),
                   (writes, closes, context, encoder))
-FAILS_FOR_PROGRAM(int, -1, xmlSaveFileTo, (void* buffer, void* document, const char* encoding),
-                  (buffer, document, encoding))
 FAILS_FOR_PROGRAM(void*, nullptr, xmlNewParserCtxt, (), ())
 FAILS_FOR_PROGRAM(void*, nullptr, xmlCtxtReadMemory,
                   (void* context, const char* data, int size, const char* url, const char* encoding,
@@ -779,6 +784,14 @@ FAILS_FOR_PROGRAM(void*, nullptr, xmlCtxtReadFd,
 FAILS_FOR_PROGRAM(void*, nullptr, xmlXPathNewContext, (void* document), (document))
 FAILS_FOR_PROGRAM(void*, nullptr, xmlXPathEvalExpression, (const void* expression, void* context),
                   (expression, context))
+
+// The buffer is used up all the same.
+STANDS_FOR(int, xmlSaveFileTo, (void* buffer, void* document, const char* encoding)) {
+    static constinit Point point{"xmlSaveFileTo", {ENOMEM}};
+    const bool fails = isInProgram(__builtin_return_address(0)) && point.failure() != 0;
+    return NEXT(xmlSaveFileTo)(buffer, fails ? nullptr : document, encoding);
+}
+
 FAILS_FOR_PROGRAM(void*, nullptr, EVP_MD_CTX_new, (), ())
 FAILS_FOR_PROGRAM(int, 0, EVP_DigestInit_ex, (void* context, const void* kind, void* engine),
                   (context, kind, engine))

@@ -34,7 +34,7 @@ _ROOTS = {"migration.status": "migration-status", "migration.result": "execution
 # What follows the name of a document is a number; six characters of any kind make the name of a temporary file.
 _DOCUMENT = re.compile(r"(migration\.status|migration\.result|transfer\.result)(\.\d+)?")
 
-KINDS = ("hang", "crash", "false success", "torn document", "lost file", "password", "failed recovery")
+KINDS = ("hang", "crash", "false success", "torn document", "lost file", "leak", "password", "failed recovery")
 
 
 def torn_documents(case):
@@ -77,6 +77,8 @@ def findings(case, run):
         found.append(("hang", f"still running after {run.seconds:.0f} s"))
     elif run.status not in DOCUMENTED_STATUSES:
         found.append(("crash", f"status {run.status}"))
+    if b"LeakSanitizer" in run.stderr:
+        found.append(("leak", "memory that is never freed"))
     found += [("torn document", name) for name in torn_documents(case)]
     found += [("lost file", path) for path in case.lost()]
     if _tells_of_success(case, run):

@@ -11,6 +11,7 @@ import re
 import shutil
 import subprocess
 import sys
+import textwrap
 import threading
 import time
 from dataclasses import dataclass, field
@@ -22,16 +23,23 @@ sys.path.insert(0, str(ROOT / "tests" / "e2e"))
 from cases import CASES, install_product, make_case
 from harness import accounts, sshd
 from harness.places import BASE, make_dir, remove_tree
-from harness.processes import kill_tree
+from harness.processes import finish
 from harness.product import configure
 from harness.program import environment
 from harness.session import Session
 from judging import KINDS, findings, recovery_findings
 
-BUILD = ROOT / "build" / "release"
+BUILD = ROOT / "build"
 # Copies, which no build replaces meanwhile.
-PROGRAM = BASE / "tallowick"
+PROGRAM = BASE / "tallowick"  # the one in which a call fails: the sanitizers watch it
+RECOVERING_PROGRAM = BASE / "tallowick-release"
 LIBRARY = BASE / "failing_calls.so"
+# Of the sanitizers, AddressSanitizer would have its library first, but what is to fail has to stand before it. Leaks
+# are read off standard error: their status would hide the run's own.
+SANITIZERS = {"ASAN_OPTIONS": f"{os.environ.get('ASAN_OPTIONS', '')}:exitcode=99:verify_asan_link_order=0:"
+                                "fast_unwind_on_malloc=0",
+              "UBSAN_OPTIONS": "exitcode=99:halt_on_error=1:print_stacktrace=1",
+              "LSAN_OPTIONS": f"exitcode=0:print_suppressions=0:suppressions={ROOT / 'tests/torture/lsan.supp'}"}
 # Above the limits at which the program itself gives up a silent server.
 HANGS_AFTER_S = 200
 # A whole run has many more; fewer mean that calls are no longer counted.
@@ -60,7 +68,7 @@ class Fault:
     name: str
     ordinal: int
     way: int
-    stack: str  # for "new": what tells its call stack from others
+    stack: str  # what tells its call stack from others
 
     @property
     def call(self):
@@ -81,26 +89,21 @@ class Finding:
     stack: list = field(default_factory=list)
 
 
-def start(case, **variables):
+def start(case, program=RECOVERING_PROGRAM, **variables):
     """Runs a case to its end."""
     began = time.monotonic()
-    process = subprocess.Popen([PROGRAM, *case.arguments], stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
+    process = subprocess.Popen([program, *case.arguments], stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
                                stderr=subprocess.PIPE, cwd="/", env=environment(**case.passwords, **variables))
-    try:
-        out, err = process.communicate(timeout=HANGS_AFTER_S)
-        hung = False
-    except subprocess.TimeoutExpired:
-        kill_tree(process.pid)
-        out, err = process.communicate()
-        hung = True
+    out, err, hung = finish(process, HANGS_AFTER_S)
     return Run(process.returncode, out, err, time.monotonic() - began, hung, case.session)
 
 
 def start_with_library(case, list_file, **variables):
-    """The same with the library that counts and fails calls."""
+    """The same under the sanitizers and with the library that counts and fails calls."""
     list_file.unlink(missing_ok=True)
     ticks = {} if case.tick_ms is None else {"FAILING_CALLS_TICK_MS": str(case.tick_ms)}
-    run = start(case, LD_PRELOAD=str(LIBRARY), FAILING_CALLS_LIST=str(list_file), **ticks, **variables)
+    run = start(case, PROGRAM, LD_PRELOAD=str(LIBRARY), FAILING_CALLS_LIST=str(list_file), **SANITIZERS, **ticks,
+                **variables)
     lines = list_file.read_text(encoding="utf-8", errors="replace").splitlines() if list_file.exists() else []
     return run, lines
 
@@ -184,10 +187,11 @@ _FRAME = re.compile(r"^  (\S+) (0x[0-9a-f]+) (.*)$")
 
 
 def readable(stack):
-    """The functions of the program in a call stack, innermost first."""
-    places = [match[2] for match in map(_FRAME.match, stack) if match and match[1].endswith(PROGRAM.name)]
+    """The functions of the program in a call stack, or those of libraries, innermost first."""
+    frames = [match.groups() for match in map(_FRAME.match, stack) if match]
+    places = [place for file, place, _ in frames if pathlib.Path(file).name == PROGRAM.name]
     if not places:
-        return ["(not in the program)"]
+        return [f"{symbol} of {file}" for file, _, symbol in frames]
     names = subprocess.run(["addr2line", "-Cfe", PROGRAM, *places], check=True, capture_output=True, text=True).stdout
     return names.splitlines()[::2]
 
@@ -204,7 +208,8 @@ def show(tally, examples):
     for (kind, name, frames), found in sorted(places.items(), key=lambda item: -len(item[1]))[:examples]:
         first = found[0]
         print(f"\n{kind}, {len(found)} times, such as {str(first.fault)!r}: {first.text}")
-        print(f"  status {first.run.status}, standard error {first.run.stderr[-300:]!r}")
+        print(f"  status {first.run.status}, standard error:")
+        print(textwrap.indent(first.run.stderr[-3000:].decode("utf-8", "replace"), "    "))
         for frame in frames:
             print(f"  in {frame[:200]}")
 
@@ -243,13 +248,19 @@ def all_faults(worker, only):
 
 
 def distinct(faults):
-    """Without the allocations whose call stacks an earlier action has had."""
+    """Without those that differ from earlier ones in nothing but the case: of each action, all the calls of its first
+    case and what others do from places of their own; of the allocations, one for each call stack."""
+    first_cases = {}
+    for name, kind in CASES.items():
+        first_cases.setdefault(kind.action, name)
     seen = set()
     kept = []
     for fault in faults:
-        if fault.name != "new" or fault.stack not in seen:
+        place = (fault.name, fault.way, fault.stack)
+        is_of_first_case = fault.name != "new" and fault.case in first_cases.values()
+        if is_of_first_case or place not in seen:
             kept.append(fault)
-            seen.add(fault.stack)
+            seen.add(place)
     return kept
 
 
@@ -262,8 +273,9 @@ def main():
     began = time.monotonic()
     remove_tree(BASE)
     make_dir(BASE)
-    shutil.copy(BUILD / "tallowick", PROGRAM)
-    shutil.copy(BUILD / "tests" / "failing_calls.so", LIBRARY)
+    shutil.copy(BUILD / "asan" / "tallowick", PROGRAM)
+    shutil.copy(BUILD / "release" / "tallowick", RECOVERING_PROGRAM)
+    shutil.copy(BUILD / "release" / "tests" / "failing_calls.so", LIBRARY)
     sshd.prepare_machine()
     configure("# nothing but defaults\n")
     install_product()

@@ -8,7 +8,7 @@ import time
 from dataclasses import dataclass
 
 from harness.accounts import MOVER
-from harness.processes import kill_tree, peak_resident_kib
+from harness.processes import finish, peak_resident_kib
 from harness.program import HANGS_AFTER_S, check_sanitizers, environment
 
 _LINE = re.compile(r"^(?:\S+ status=(?P<status>-?\d+)|error=(?P<tag>\S+) ?(?P<text>.*))$")
@@ -108,13 +108,7 @@ class Probe:
                                    stderr=subprocess.PIPE, cwd="/",
                                    env=environment(OVN_PASSWORD=password or account.password), **popen)
         watch = _Watch(process.pid)
-        try:
-            out, err = process.communicate(timeout=timeout)
-            hung = False
-        except subprocess.TimeoutExpired:
-            kill_tree(process.pid)
-            out, err = process.communicate()
-            hung = True
+        out, err, hung = finish(process, timeout)
         watch.stop()
         run = ProbeRun(command, process.returncode, out, err, time.monotonic() - began, watch.cpu_seconds,
                        watch.peak_kib, log)

@@ -4,6 +4,7 @@
 import os
 import pathlib
 import signal
+import subprocess
 
 
 def _parents():
@@ -52,3 +53,13 @@ def peak_resident_kib(pid):
         if line.startswith(b"VmHWM:"):
             return int(line.split()[1])
     return 0
+
+
+def finish(process, timeout, stdin=None):
+    """Waits for the end of `process` and of its output, giving it `stdin`: what it wrote to standard output and to
+    standard error, and whether it had to be ended after `timeout` seconds."""
+    try:
+        return *process.communicate(stdin, timeout), False
+    except subprocess.TimeoutExpired:
+        kill_tree(process.pid)
+        return *process.communicate(), True

@@ -8,7 +8,7 @@ import time
 from dataclasses import dataclass
 
 from harness.accounts import MOVER
-from harness.processes import kill_tree
+from harness.processes import finish
 from harness.session import Session
 
 DOCUMENTED_STATUSES = {0, 1, 2, 11, 12, 13, 14, 15, 16, 17, 18}
@@ -88,13 +88,7 @@ class Running:
     def wait(self, timeout=HANGS_AFTER_S, stdin=None, statuses=frozenset(DOCUMENTED_STATUSES)):
         """Waits for the end and judges what holds for every run: a documented status, no sanitizer's
         complaint, no password in what the run wrote. `stdin` is given to the run's standard input."""
-        try:
-            out, err = self.popen.communicate(stdin, timeout)
-            hung = False
-        except subprocess.TimeoutExpired:
-            kill_tree(self.popen.pid)
-            out, err = self.popen.communicate()
-            hung = True
+        out, err, hung = finish(self.popen, timeout, stdin)
         run = Run(self.command, self.popen.returncode, out or b"", err or b"",
                   time.monotonic() - self._began, self.session)
         self._program.runs.append(run)
