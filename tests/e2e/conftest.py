@@ -7,6 +7,9 @@ import os
 import pytest
 
 from harness import accounts, sshd
+from harness.agents import DeployedAgent
+from harness.dumps import dumping
+from harness.hostile import Outside
 from harness.long_runs import LongRuns
 from harness.places import BASE, make_dir, remove_tree
 from harness.probe import Probe
@@ -23,6 +26,8 @@ def pytest_addoption(parser):
                      help="how many bytes of the server's stream the fault tests cut at")
     parser.addoption("--sweep-seed", type=int, default=None,
                      help="seed of the sweep's random points (a random one by default; it is printed)")
+    parser.addoption("--part", default="1/1", metavar="NUMBER/COUNT",
+                     help="only one of COUNT parts, so that as many sandboxes share the tests")
 
 
 def pytest_configure(config):
@@ -44,9 +49,17 @@ def pytest_sessionstart(session):
     configure("# nothing but defaults\n")
 
 
-def pytest_collection_modifyitems(items):
-    """The tests that wait for minutes are asked last; their runs are started first (see `long_runs`)."""
-    items.sort(key=lambda item: item.get_closest_marker("background") is not None)
+def pytest_collection_modifyitems(config, items):
+    """Keeps the tests of this part. Those that wait for minutes are asked last; their runs are started first (see
+    `long_runs`), so all of them are of one part."""
+    number, count = map(int, config.getoption("--part").split("/"))
+    in_turn = [item for item in items if not _is_background(item)]
+    waiting = [item for item in items if _is_background(item)]
+    items[:] = in_turn[number - 1::count] + (waiting if number == 1 else [])
+
+
+def _is_background(item):
+    return item.get_closest_marker("background") is not None
 
 
 @pytest.hookimpl(hookwrapper=True)
@@ -72,7 +85,7 @@ def programs():
 @pytest.fixture(scope="session", autouse=True)
 def long_runs(request, programs):
     """The runs of the tests marked "background", when there are any."""
-    if not any(item.get_closest_marker("background") for item in request.session.items):
+    if not any(map(_is_background, request.session.items)):
         yield None
         return
     runs = LongRuns(programs, BASE / "long-runs")
@@ -175,6 +188,26 @@ def product():
     configure("# nothing but defaults\n")
     yield Product().install()
     configure("# nothing but defaults\n")
+
+
+@pytest.fixture
+def agent(product, workspace):
+    """An agent that is deployed on the source host already and belongs to the login of most tests."""
+    return DeployedAgent(product, workspace / "agent")
+
+
+@pytest.fixture
+def dump(tallowick, server, agent):
+    """Runs a dump, of selected objects unless `action` says otherwise."""
+    return dumping(tallowick, server, agent)
+
+
+@pytest.fixture
+def outside(workspace):
+    """Files that no run may touch, which is seen to at the end of the test."""
+    files = Outside(workspace / "outside")
+    yield files
+    files.check()
 
 
 @pytest.fixture

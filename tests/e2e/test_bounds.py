@@ -5,7 +5,7 @@ import resource
 
 import pytest
 
-from harness.agents import DeployedAgent, content_list, content_file
+from harness.agents import content_file, content_list
 from harness.content import RESULT, get_content
 from harness.long_runs import FLOOD_MIB
 from harness.peak import Measured
@@ -16,11 +16,6 @@ KIB_PER_MIB = 1024
 LARGEST_LIST = 16 * MIB
 NO_FILES = b'<contentlist size="0" unpacked="0">%s</contentlist>'
 DIGEST = b"d41d8cd98f00b204e9800998ecf8427e"
-
-
-@pytest.fixture
-def agent(product, workspace):
-    return DeployedAgent(product, workspace / "agent")
 
 
 @pytest.fixture

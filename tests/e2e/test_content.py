@@ -28,11 +28,6 @@ def bytes_of(size):
 
 
 @pytest.fixture
-def agent(product, workspace):
-    return DeployedAgent(product, workspace / "agent")
-
-
-@pytest.fixture
 def dumps(workspace):
     """A directory for --dumps-dir."""
     return make_dir(workspace / "dumps")

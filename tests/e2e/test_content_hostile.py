@@ -9,18 +9,13 @@ import uuid
 import pytest
 
 from harness.accounts import MOVER, NOPASS
-from harness.agents import ContentFile, DeployedAgent, content_file, content_list
+from harness.agents import ContentFile, content_file, content_list
 from harness.content import (RESULT, Commands, fetched_files, get_content, log_entries, remote_files, small_disk,
                              tree)
 from harness.disks import full_disk_at
 from harness.places import make_dir, write
 
 PRECIOUS = b"not to be touched"
-
-
-@pytest.fixture
-def agent(product, workspace):
-    return DeployedAgent(product, workspace / "agent")
 
 
 @pytest.fixture

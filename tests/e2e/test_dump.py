@@ -11,8 +11,9 @@ from harness.accounts import ACCOUNTS, MOVER, NOPASS, OWNER, PLAIN
 from harness.agents import DUMP, AgentCatalogue, DeployedAgent
 from harness.content import small_disk
 from harness.disks import full_disk_at
-from harness.dumps import (DUMPER_FAILED, IDLE, MASK, assert_dumped, assert_failed, dumping, one_call,
+from harness.dumps import (DUMPER_FAILED, IDLE, MASK, assert_dumped, assert_failed, one_call,
                            temporary_names)
+from harness.hostile import Planted
 from harness.places import make_dir, write
 from harness.program import source
 from harness.relay import FIN, HALF_CLOSE, RST, STALL, Fault
@@ -21,18 +22,6 @@ from harness.waiting import open_for_reader, wait_until
 
 SUDO = r"sudo\ -k\;\ sudo\ -S\ -p\ \'\ \'\ "
 CHECKS = [b"sudo -V", b"sudo -k; sudo -S -p ' ' true"]
-
-
-@pytest.fixture
-def agent(product, outbox):
-    """An agent that is deployed on the source host already and belongs to the login of most tests."""
-    return DeployedAgent(product, outbox / "agent")
-
-
-@pytest.fixture
-def dump(tallowick, server, agent):
-    """Runs a dump, of selected objects unless `action` says otherwise."""
-    return dumping(tallowick, server, agent)
 
 
 def test_commands_without_sudo(dump, agent, server):
@@ -391,54 +380,25 @@ def test_half_of_a_dump_never_shows(tallowick, server, agent, start_relay):
     assert_failed(running.wait(), "SshConnectionFault")
 
 
-def obstruct(path, kind, target):
-    """Puts something in the place of a file; `target` is what a link leads to."""
-    make_dir(path.parent)
-    if kind == "symlink":
-        os.symlink(target, path)
-    elif kind == "fifo":
-        os.mkfifo(path)
-    elif kind == "device":
-        os.mknod(path, 0o666 | 0o020000, os.makedev(1, 3))
-    else:
-        make_dir(path)
-        write(path / "in it", "text")
-
-
-def identity(path):
-    status = path.lstat()
-    return status.st_ino, status.st_mode
-
-
-KINDS = ["symlink", "dangling symlink", "fifo", "device", "directory"]
+KINDS = ["link to a file", "link to nothing", "fifo", "character device", "directory"]
 
 
 @pytest.mark.parametrize("kind", KINDS)
-def test_what_is_no_regular_file_is_not_replaced_by_the_dump(dump, tallowick, workspace, kind):
-    target = workspace / "target"
-    if kind != "dangling symlink":
-        write(target, "precious")
+def test_what_is_no_regular_file_is_not_replaced_by_the_dump(dump, tallowick, outside, kind):
     session = tallowick.new_session()
-    obstruct(session.file("dump.xml"), kind.removeprefix("dangling "), target)
-    before = identity(session.file("dump.xml"))
+    make_dir(session.path)
+    planted = Planted(kind, session.file("dump.xml"), outside)
     assert_failed(dump(session=session), "StreamWrite", "Cannot write data to the stream")
-    assert identity(session.file("dump.xml")) == before
-    assert (target.read_text() == "precious") if target.exists() else (kind == "dangling symlink")
-    if kind == "directory":
-        assert os.listdir(session.file("dump.xml")) == ["in it"]
+    assert planted.is_at(session.file("dump.xml"))
 
 
 @pytest.mark.parametrize("kind", KINDS)
-def test_what_is_no_regular_file_is_not_written_as_the_record_of_the_dumps_name(dump, tallowick, workspace, kind):
-    target = workspace / "target"
-    if kind != "dangling symlink":
-        write(target, "precious")
+def test_what_is_no_regular_file_is_not_written_as_the_record_of_the_dumps_name(dump, tallowick, outside, kind):
     session = tallowick.new_session()
-    obstruct(session.file("dump-name"), kind.removeprefix("dangling "), target)
-    before = identity(session.file("dump-name"))
+    make_dir(session.path)
+    planted = Planted(kind, session.file("dump-name"), outside)
     assert_name_not_written(dump(session=session))
-    assert identity(session.file("dump-name")) == before
-    assert (target.read_text() == "precious") if target.exists() else (kind == "dangling symlink")
+    assert planted.is_at(session.file("dump-name"))
 
 
 def assert_name_not_written(run):

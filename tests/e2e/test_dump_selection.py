@@ -8,24 +8,12 @@ import pytest
 
 from harness.accounts import MOVER, OWNER
 from harness.agents import DeployedAgent
-from harness.dumps import MASK, assert_dumped, dumping, one_call
+from harness.dumps import MASK, assert_dumped, one_call
 from harness.places import write
 from harness.program import source
 
 # The arguments that every dump of selected objects has around those of the selection.
 FIRST, LAST = ["--migration-mode"], ["--include-app-distrib"]
-
-
-@pytest.fixture
-def agent(product, outbox):
-    """An agent that is deployed on the source host already and belongs to the login of most tests."""
-    return DeployedAgent(product, outbox / "agent")
-
-
-@pytest.fixture
-def dump(tallowick, server, agent):
-    """Runs a dump, of selected objects unless `action` says otherwise."""
-    return dumping(tallowick, server, agent)
 
 
 def assert_given(agent, arguments, stdin=b""):

@@ -7,7 +7,7 @@ import subprocess
 import paramiko
 import pytest
 
-from harness.agents import NAME, AgentCatalogue, DeployedAgent
+from harness.agents import NAME, AgentCatalogue
 from harness.content import fetched_files, get_content, remote_files
 from harness.dropbear import Dropbear
 from harness.product import SMALL_REPORT
@@ -42,11 +42,6 @@ def fetch_all(tallowick, server, agent):
     assert (run.status, run.stderr) == (0, b"")
     assert fetched_files(run.session) == CONTENTS
     assert remote_files(agent) == {}
-
-
-@pytest.fixture
-def agent(product, workspace):
-    return DeployedAgent(product, workspace / "agent")
 
 
 @pytest.mark.parametrize("host_key", ["ecdsa", "ed25519"])

@@ -15,6 +15,7 @@ from harness.accounts import MOVER, OWNER
 from harness.agents import DeployedAgent
 from harness.content import small_disk
 from harness.dumps import FAILED, assert_dumped
+from harness.hostile import Planted
 from harness.places import make_dir, remove_tree, write
 from harness.program import source
 from harness.relay import FIN
@@ -27,12 +28,6 @@ $| = 1;
 open my $held, '<', "$FindBin::Bin/held" or die $!;
 while (my $line = <$held>) { print $line; }
 """
-
-
-@pytest.fixture
-def agent(product, outbox):
-    """An agent that is deployed on the source host already."""
-    return DeployedAgent(product, outbox / "agent")
 
 
 def stands(pid):
@@ -229,23 +224,11 @@ def test_link_in_the_place_of_the_local_status_is_replaced_and_not_followed(held
     assert_dumped(dump.end())
 
 
-def obstruct(path, kind, target):
-    make_dir(path.parent)
-    if kind == "link":
-        os.symlink(target, path)
-    elif kind == "fifo":
-        os.mkfifo(path)
-    else:
-        write(make_dir(path) / "in it", "text")
-
-
-@pytest.mark.parametrize("kind", ["link", "fifo", "directory"])
-def test_failed_refresh_ends_refreshing_and_nothing_else(tallowick, held_dump, workspace, kind):
-    target = write(workspace / "target", "precious")
+@pytest.mark.parametrize("kind", ["link to a file", "fifo", "directory"])
+def test_failed_refresh_ends_refreshing_and_nothing_else(tallowick, held_dump, outside, kind):
     session = tallowick.new_session()
-    unfinished = session.file("dumping-status.xml.tmp")
-    obstruct(unfinished, kind, target)
-    before = unfinished.lstat()
+    make_dir(session.path)
+    planted = Planted(kind, session.file("dumping-status.xml.tmp"), outside)
     dump = held_dump(session=session)
     dump.set_status(status_document("one"))
     # Before there is a status to fetch, a refresh of the program's own may come and go on.
@@ -256,18 +239,18 @@ def test_failed_refresh_ends_refreshing_and_nothing_else(tallowick, held_dump, w
     assert_dumped(dump.end())
     assert dump.reads() == reads
     assert not dump.local_status.exists()
-    assert (unfinished.lstat().st_ino, unfinished.lstat().st_mode) == (before.st_ino, before.st_mode)
-    assert target.read_text() == "precious"
+    assert planted.is_at(session.file("dumping-status.xml.tmp"))
 
 
-def test_dangling_link_in_the_way_of_a_refresh_is_not_followed(tallowick, held_dump, workspace):
+def test_dangling_link_in_the_way_of_a_refresh_is_not_followed(tallowick, held_dump, outside):
     session = tallowick.new_session()
-    obstruct(session.file("dumping-status.xml.tmp"), "link", workspace / "target")
+    make_dir(session.path)
+    Planted("link to nothing", session.file("dumping-status.xml.tmp"), outside)
     dump = held_dump(session=session)
     dump.set_status(status_document("one"))
     dump.tick()
     assert_dumped(dump.end())
-    assert not (workspace / "target").exists()
+    outside.check()
 
 
 def test_refresh_that_fills_the_disk_leaves_room_for_the_dump(held_dump, workspace):

@@ -16,7 +16,7 @@ import pytest
 from harness.agents import DUMP
 from harness.every_action import ACTIONS as EVERY_ACTION
 from harness.every_action import CONTENT, DUMPING_STATUS, EveryAction, assert_done, assert_honest, result_name
-from harness.hostile import PLANTS, Outside, Planted, compile_preload, preloaded
+from harness.hostile import PLANTS, Planted, compile_preload, preloaded
 from harness.places import BASE, make_dir, remove_tree, write
 from harness.program import DOCUMENTED_STATUSES, source
 from harness.waiting import wait_until
@@ -34,11 +34,6 @@ WITHOUT_STATUS = "--remove-agent"
 def actions(tallowick_release, product, workspace):
     """Every action of the release build, whose memory and descriptors are the users'."""
     return EveryAction(tallowick_release, product, workspace / "agent")
-
-
-@pytest.fixture
-def outside(workspace):
-    return Outside(workspace / "outside")
 
 
 def plant_everywhere(program, name, outside):
