@@ -18,6 +18,8 @@ packages_of() { # GROUP
             echo clang libclang-rt-dev ;;
         coverage)
             echo gcovr ;;
+        valgrind)
+            echo valgrind ;;
         *)
             echo "no such group of packages: $1" >&2
             return 1 ;;

@@ -4,6 +4,7 @@
 import argparse
 import collections
 import concurrent.futures
+import contextlib
 import os
 import pathlib
 import random
@@ -89,10 +90,10 @@ class Finding:
     stack: list = field(default_factory=list)
 
 
-def start(case, program=RECOVERING_PROGRAM, **variables):
-    """Runs a case to its end."""
+def start(case, *program, **variables):
+    """Runs a case to its end; `program` is the command that runs the program."""
     began = time.monotonic()
-    process = subprocess.Popen([program, *case.arguments], stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
+    process = subprocess.Popen([*program, *case.arguments], stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
                                stderr=subprocess.PIPE, cwd="/", env=environment(**case.passwords, **variables))
     out, err, hung = finish(process, HANGS_AFTER_S)
     return Run(process.returncode, out, err, time.monotonic() - began, hung, case.session)
@@ -135,7 +136,7 @@ class Worker:
         wrong = [Finding(fault, kind, text, run, lines[1:]) for kind, text in findings(case, run)]
         if run.hung:
             return bool(lines), wrong
-        after = start(case)
+        after = start(case, RECOVERING_PROGRAM)
         wrong += [Finding(fault, kind, text, after, lines[1:]) for kind, text in recovery_findings(case, after)]
         return bool(lines), wrong
 
@@ -264,6 +265,21 @@ def distinct(faults):
     return kept
 
 
+@contextlib.contextmanager
+def source_host():
+    """A server to run the cases against, and beside it all that they need on this host."""
+    remove_tree(BASE)
+    make_dir(BASE)
+    sshd.prepare_machine()
+    configure("# nothing but defaults\n")
+    install_product()
+    server = sshd.SshServer(BASE / "server", record=False)
+    try:
+        yield server
+    finally:
+        server.stop()
+
+
 def main():
     options = parse_options()
     seconds = SAMPLE_SECONDS if options.sample else options.seconds
@@ -271,16 +287,10 @@ def main():
     if reason:
         sys.exit(f"only inside the sandbox: {reason}")
     began = time.monotonic()
-    remove_tree(BASE)
-    make_dir(BASE)
-    shutil.copy(BUILD / "asan" / "tallowick", PROGRAM)
-    shutil.copy(BUILD / "release" / "tallowick", RECOVERING_PROGRAM)
-    shutil.copy(BUILD / "release" / "tests" / "failing_calls.so", LIBRARY)
-    sshd.prepare_machine()
-    configure("# nothing but defaults\n")
-    install_product()
-    server = sshd.SshServer(BASE / "server", record=False)
-    try:
+    with source_host() as server:
+        shutil.copy(BUILD / "asan" / "tallowick", PROGRAM)
+        shutil.copy(BUILD / "release" / "tallowick", RECOVERING_PROGRAM)
+        shutil.copy(BUILD / "release" / "tests" / "failing_calls.so", LIBRARY)
         workers = [Worker(BASE / f"worker-{number}", server) for number in range(options.jobs)]
         faults = all_faults(workers[0], options.only)
         counts = collections.Counter(fault.case for fault in faults)
@@ -292,8 +302,6 @@ def main():
         random.Random(seed).shuffle(faults)
         tally = Tally()
         work(faults, workers, tally, time.monotonic() + seconds if seconds else None)
-    finally:
-        server.stop()
     show(tally, options.examples)
     summary(tally, time.monotonic() - began)
     is_whole = not seconds and not options.only
