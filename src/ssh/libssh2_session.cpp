@@ -10,6 +10,7 @@
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
+#include <new>
 #include <string_view>
 #include <tuple>
 
@@ -210,7 +211,12 @@ std::unique_ptr<Channel> Session::openSessionChannel() {
     if (meansLostConnection(result)) {  // else the manager could not tell it from a server that refuses
         throw KORVA_EXC(SshConnectionFault);
     }
-    return std::make_unique<Channel>(channel, *this);
+    try {
+        return std::make_unique<Channel>(channel, *this);
+    } catch (const std::bad_alloc&) {
+        abandon(channel);
+        throw;
+    }
 }
 
 void Session::create_reserve_channel() {
