@@ -3,12 +3,14 @@
 
 #include "commons/bounded_text.h"
 #include "commons/discard_stream.h"
+#include "commons/file_claim.h"
 #include "commons/filesystem.h"
 #include "commons/output_file.h"
 #include "commons/product_paths.h"
 #include "commons/session.h"
 #include "commons/signal_hold.h"
 #include "commons/termination.h"
+#include "commons/umask_scope.h"
 #include "tallowick/args_builder.h"
 #include "tallowick/second_error.h"
 #include "tallowick/status_refresh.h"
@@ -45,6 +47,27 @@ void removeRegularFile(const std::string& path) {
     struct stat status {};
     if (lstat(path.c_str(), &status) == 0 && S_ISREG(status.st_mode)) {
         std::ignore = unlink(path.c_str());
+    }
+}
+
+// Other runs of the session may refresh its one copy, too. Who finds the new one claimed leaves it to the
+// other; the claim lasts until the new copy has its final name, since whoever opened it before would go on
+// writing to it.
+void refreshCopy(Ssh& ssh, const std::string& remotePath, const std::string& name) {
+    const std::string unfinished = name + ".tmp";
+    const UmaskScope umask(022);
+    const FileClaim claim(unfinished);
+    if (!claim.isHeld()) {
+        return;
+    }
+    try {
+        // A dumper that has not written its status yet is no failure.
+        if (ssh.get(unfinished, remotePath) == 0) {
+            std::ignore = std::rename(unfinished.c_str(), name.c_str());  // the next refresh may do better
+        }
+    } catch (...) {
+        removeRegularFile(unfinished);
+        throw;
     }
 }
 
@@ -197,18 +220,12 @@ void Action::clearAlarmFunction() {
 
 void Action::doAlarm() {
     Action* const refreshed = pAction.exchange(nullptr);  // ticks that come meanwhile do nothing
-    const std::string name = theSession->getDumpingStatusFileName();
-    const std::string unfinished = name + ".tmp";
     try {
         getSsh()->setAlarm(nullptr);
-        // A dumper that has not written its status yet is no failure.
-        if (getSsh()->get(unfinished, dumpingStatusPath()) == 0) {
-            std::ignore = std::rename(unfinished.c_str(), name.c_str());  // the next refresh may do better
-        }
+        refreshCopy(*getSsh(), dumpingStatusPath(), theSession->getDumpingStatusFileName());
     } catch (const MigrationTerminatedException&) {
         throw;
     } catch (...) {  // a refresh never disturbs the dump; refreshing ends here
-        removeRegularFile(unfinished);
         return;
     }
     alarm(kRefreshIntervalSeconds);

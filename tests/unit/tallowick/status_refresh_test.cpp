@@ -1,8 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "tallowick/status_refresh.h"
 
+#include "commons/file_claim.h"
 #include "commons/termination.h"
 #include "ssh/libssh2pp.h"
+#include "support/fake_flock.h"
 #include "support/files.h"
 #include "tallowick/actions.h"
 #include "unit/tallowick/action_fixture.h"
@@ -10,15 +12,33 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <csignal>
 #include <filesystem>
+#include <functional>
 #include <string>
+
+namespace {
+
+/// Takes place before each call of rename(2); null for nothing.
+std::function<void()> beforeRename;
+
+}  // namespace
+
+// Stands in for the C library's: the linker takes the symbol of the program first.
+extern "C" int rename(const char* from, const char* to) {
+    if (beforeRename) {
+        beforeRename();
+    }
+    return static_cast<int>(::syscall(SYS_rename, from, to));
+}
 
 namespace korva {
 namespace {
 
+using test::beforeFlock;
 using test::FakeResult;
 using test::readFile;
 using test::writeFile;
@@ -44,6 +64,8 @@ class StatusRefresh : public test::ActionFixture {
         takeTimer();
         std::signal(SIGALRM, SIG_DFL);
         pAction = nullptr;
+        beforeFlock = nullptr;
+        beforeRename = nullptr;
     }
 
     std::string localStatus() const { return dir / "session/dumping-status.xml"; }
@@ -192,11 +214,64 @@ TEST_F(StatusRefresh, GivesTheSpaceOfAFailedFetchBack) {
     EXPECT_EQ("old", readFile(localStatus()));
 }
 
-TEST_F(StatusRefresh, RemovesNothingButItsOwnFileAfterAFailedFetch) {
-    std::filesystem::create_symlink("somewhere", unfinished());
-    download().meanwhile = [] { throw Exc<&SshConnectionFault>("context", "file", 1); };
+TEST_F(StatusRefresh, RemovesNothingButAFileAfterAFailedFetch) {
+    download().meanwhile = [this] {
+        std::filesystem::remove(unfinished());
+        std::filesystem::create_symlink("somewhere", unfinished());
+        throw Exc<&SshConnectionFault>("context", "file", 1);
+    };
     action.doAlarm();
     EXPECT_TRUE(std::filesystem::is_symlink(unfinished()));
+}
+
+TEST_F(StatusRefresh, StopsWhereTheNewCopyCannotBeAFileAndLeavesWhatIsThere) {
+    pAction = &action;
+    std::filesystem::create_symlink("somewhere", unfinished());
+    EXPECT_NO_THROW(action.doAlarm());
+    EXPECT_EQ(nullptr, pAction);
+    EXPECT_EQ(0U, takeTimer());
+    EXPECT_TRUE(std::filesystem::is_symlink(unfinished()));
+}
+
+TEST_F(StatusRefresh, LeavesTheCopyToAnotherRunThatIsAtItAndGoesOn) {
+    pAction = &action;
+    writeFile(unfinished(), "half of theirs");
+    const FileClaim theirs(unfinished());
+    action.doAlarm();
+    EXPECT_THAT(ssh.commands, IsEmpty());
+    EXPECT_EQ("half of theirs", readFile(unfinished()));
+    EXPECT_FALSE(std::filesystem::exists(localStatus()));
+    EXPECT_EQ(&action, pAction);
+    EXPECT_EQ(5U, takeTimer());
+}
+
+TEST_F(StatusRefresh, WritesNothingIntoACopyThatAnotherRunHasFinishedMeanwhile) {
+    writeFile(unfinished(), "theirs");
+    beforeFlock = [this] { std::filesystem::rename(unfinished(), localStatus()); };
+    download().out = "ours";
+    action.doAlarm();
+    EXPECT_EQ("theirs", readFile(localStatus()));
+    EXPECT_FALSE(std::filesystem::exists(unfinished()));
+}
+
+TEST_F(StatusRefresh, KeepsOtherRunsFromItsCopyUntilThatHasItsFinalName) {
+    int looks = 0;
+    const auto look = [&] {
+        ++looks;
+        EXPECT_FALSE(FileClaim(unfinished()).isHeld());
+    };
+    download().meanwhile = look;
+    beforeRename = look;
+    action.doAlarm();
+    EXPECT_EQ(2, looks);
+    EXPECT_TRUE(FileClaim(unfinished()).isHeld());
+}
+
+TEST_F(StatusRefresh, FetchesAnewWhatARunThatWasKilledHasLeft) {
+    writeFile(unfinished(), "half of a longer text");
+    download().out = "whole";
+    action.doAlarm();
+    EXPECT_EQ("whole", readFile(localStatus()));
 }
 
 TEST_F(StatusRefresh, StopsAfterAnyOtherException) {
