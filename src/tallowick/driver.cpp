@@ -16,6 +16,7 @@
 #include "utils/ovn_conf.h"
 #include "xml/log.h"
 
+#include <cstdio>
 #include <cstdlib>
 #include <ctime>
 #include <iostream>
@@ -55,13 +56,18 @@ ExitStatus exitStatusOf(const ExTraceable& error) {
     return kExitFailure;
 }
 
+// std::cin reads through stdio and takes an error of that for the end.
+bool inputHasFailed() {
+    return std::cin.bad() || std::ferror(stdin) != 0;
+}
+
 // One list at the most: the manager feeds a single one.
 void readListFromInput(config& cfg) {
     for (std::string* list : {&cfg.resellers, &cfg.clients, &cfg.domains}) {
         if (*list == "-") {
             list->clear();
             std::getline(std::cin, *list);
-            if (std::cin.bad()) {  // half of a list must not pass for the whole
+            if (inputHasFailed()) {  // half of a list must not pass for the whole
                 throw KORVA_EXC(StreamRead);
             }
             return;

@@ -3,6 +3,7 @@
 
 import concurrent.futures
 import os
+import socket
 
 import pytest
 
@@ -158,6 +159,34 @@ INPUTS = {
 
 def test_one_list_at_the_most_is_read_from_standard_input(assert_all_given):
     assert_all_given(INPUTS)
+
+
+def test_empty_file_as_standard_input_is_an_empty_list(dump, agent, workspace):
+    with open(write(workspace / "list", b""), "rb") as empty:
+        assert_dumped(dump("--domains=-", stdin=empty))
+    assert_given(agent, [*FIRST, *LAST])
+
+
+@pytest.fixture
+def unreadable_inputs():
+    """Standard inputs, as options of a run, that fail at once or after some bytes."""
+    ours, cut = socket.socketpair()
+    cut.send(b"unread")
+    ours.send(b"one.example,two.exa")
+    ours.close()  # with something unread in it, so that the other end is told of a reset
+    directory = os.open("/", os.O_RDONLY)
+    yield {"directory": {"stdin": directory}, "cut line": {"stdin": cut},
+           "closed descriptor": {"stdin": None, "preexec_fn": lambda: os.close(0)}}
+    cut.close()
+    os.close(directory)
+
+
+def test_list_that_cannot_be_read_to_its_end_ends_the_run_before_the_connection(dump, server, unreadable_inputs):
+    for name, options in unreadable_inputs.items():
+        run = dump("--domains=-", **options)
+        assert (run.status, run.err) == (2, "Cannot read data from the stream"), name
+        assert run.session.error().code == "StreamRead", name
+        assert server.commands() == [], name
 
 
 def test_list_is_read_for_a_dump_of_all_but_not_passed_on(dump, agent):
