@@ -18,6 +18,7 @@
 #include <algorithm>
 #include <cctype>
 #include <cerrno>
+#include <cstring>
 #include <tuple>
 #include <utility>
 #include <vector>
@@ -141,6 +142,10 @@ void IncomingFile::close() {
     if (!buffer_->close() || !stream_) {
         throw KORVA_EXC(StreamWrite);
     }
+}
+
+std::string IncomingFile::failure() const {
+    return std::strerror(buffer_->error());
 }
 
 void IncomingFile::install() {

@@ -30,6 +30,9 @@ class IncomingFile {
     /// Throws StreamWrite when not every byte has arrived in the file.
     void close();
 
+    /// Why not, in the system's words.
+    std::string failure() const;
+
     /// Replaces what has the final name. After close(). Throws SystemError.
     void install();
     /// The same; when it returns, the file is on the disk under its final name.

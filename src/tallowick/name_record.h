@@ -10,7 +10,7 @@ namespace korva {
 KORVA_ERROR_TAG(FileWrite, "Error during %1% write: %2%")
 
 /// Writes a file of the session directory that holds nothing but the name of another file, and flushes it to
-/// the disk. Throws FileWrite.
+/// the disk. Until it is whole, what stood there before stays. Throws FileWrite.
 void writeNameRecord(const std::string& path, const std::string& name);
 
 }  // namespace korva

@@ -14,7 +14,9 @@
 
 #include <cerrno>
 #include <filesystem>
+#include <fstream>
 #include <string>
+#include <vector>
 
 namespace korva {
 namespace {
@@ -42,6 +44,14 @@ class NameRecord : public testing::Test {
                                                            EndsWith(reason)))));
     }
 
+    std::vector<std::string> names() const {
+        std::vector<std::string> all;
+        for (const auto& entry : fs::directory_iterator(dir.path())) {
+            all.push_back(entry.path().filename());
+        }
+        return all;
+    }
+
     TempDir dir;
     const std::string path = dir / "dump-name";
 };
@@ -57,16 +67,22 @@ TEST_F(NameRecord, IsReplacedWhole) {
     EXPECT_EQ("/new", readFile(path));
 }
 
-TEST_F(NameRecord, IsFlushedToTheDiskWithItsDirectory) {
+TEST_F(NameRecord, IsFlushedToTheDiskBeforeItHasItsNameAndThenWithItsDirectory) {
+    writeFile(path, "the old name");
     FakeFsync fsync;
-    fsync.onFlush = [this](const std::string&) { EXPECT_EQ("the name", readFile(path)); };
+    fsync.onFlush = [this](const std::string& flushed) {
+        EXPECT_EQ(flushed == dir.path() ? "the name" : "the old name", readFile(path));
+    };
     writeNameRecord(path, "the name");
-    EXPECT_THAT(FakeFsync::flushed(), ElementsAre(path, dir.path()));
+    EXPECT_THAT(FakeFsync::flushed(), ElementsAre(StartsWith(dir / ".incoming-"), dir.path()));
 }
 
-TEST_F(NameRecord, FailsWhenItCannotBeFlushed) {
+TEST_F(NameRecord, StaysAsItWasWhenTheNewOneCannotBeFlushed) {
+    writeFile(path, "the old name");
     const FakeFsync fsync(EIO);
     expectFailure("Input/output error");
+    EXPECT_EQ("the old name", readFile(path));
+    EXPECT_THAT(names(), ElementsAre("dump-name"));
 }
 
 TEST_F(NameRecord, FailsWhereNoFileCanBe) {
@@ -74,9 +90,27 @@ TEST_F(NameRecord, FailsWhereNoFileCanBe) {
     expectFailure("Is a directory");
 }
 
-TEST_F(NameRecord, FailsOnAFullDisk) {
+TEST_F(NameRecord, StaysAsItWasOnAFullDisk) {
+    writeFile(path, "old");
     const FileSizeLimit disk(4);
     expectFailure("File too large");
+    EXPECT_EQ("old", readFile(path));
+    EXPECT_THAT(names(), ElementsAre("dump-name"));
+}
+
+TEST_F(NameRecord, IsNotMadeOnAFullDisk) {
+    const FileSizeLimit disk(4);
+    expectFailure("File too large");
+    EXPECT_THAT(names(), ElementsAre());
+}
+
+TEST_F(NameRecord, IsNeverWrittenIntoByItsReplacement) {
+    writeFile(path, "the old name");
+    std::ifstream reader(path);
+    writeNameRecord(path, "new");
+    std::string seen;
+    std::getline(reader, seen);
+    EXPECT_EQ("the old name", seen);
 }
 
 TEST_F(NameRecord, IsWrittenThroughNoLink) {
