@@ -1,14 +1,18 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "commons/file_claim.h"
 
+#include "commons/log_line.h"
 #include "commons/regular_file.h"
 #include "commons/system_error.h"
+
+#include <log4cpp/Category.hh>
 
 #include <fcntl.h>
 #include <sys/file.h>
 #include <sys/stat.h>
 
 #include <cerrno>
+#include <cstring>
 
 namespace korva {
 namespace {
@@ -16,7 +20,10 @@ namespace {
 int openFile(const std::string& path) {
     const int fd = openRegularFile(AT_FDCWD, path, O_WRONLY | O_CREAT);
     if (fd < 0) {
-        throwSystemError(path, errno);
+        const int error = errno;
+        errorLine(log4cpp::Category::getInstance("k.FileClaim"))
+            << "Cannot write to " << path << ": " << std::strerror(error);
+        throwSystemError(path, error);
     }
     return fd;
 }

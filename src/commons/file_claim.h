@@ -11,8 +11,8 @@ namespace korva {
 /// It binds only those who ask for it, too.
 class FileClaim {
   public:
-    /// Makes an empty file when there is none; what is there stays as it is. Throws SystemError when it
-    /// cannot be opened, or is no regular file.
+    /// Makes an empty file when there is none; what is there stays as it is. Throws SystemError, and tells it
+    /// in the log, when the file cannot be opened or is no regular file.
     explicit FileClaim(const std::string& path);
 
     /// False when the file is somebody else's: claimed, or replaced or removed just now.

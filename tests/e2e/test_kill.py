@@ -117,6 +117,13 @@ class DumpingStatus(Case):
         assert run.stdout == b"<dumping-status/>"
 
 
+def check_records(session, names):
+    """What records are there hold their name whole; `names` are those of the files that they name."""
+    for record, name in names.items():
+        file = session.file(record)
+        assert not file.exists() or file.read_text() == str(session.file(name)), record
+
+
 class Dump(Case):
     ticks = True
 
@@ -132,6 +139,7 @@ class Dump(Case):
             assert len(numbers) == 5000 and len(set(numbers)) == 1
         dump = session.file("dump.xml")
         assert not dump.exists() or dump.read_bytes() == DUMP
+        check_records(session, {"dump-name": "dump.xml"})
 
     def check_done(self, run):
         assert run.session.file("dump.xml").read_bytes() == DUMP
@@ -139,6 +147,8 @@ class Dump(Case):
 
 
 class Content(Case):
+    RECORDS = {"dump-name": "dump.xml", "migration-result-name": "migration.result"}
+
     def __init__(self, agent, server, action):
         super().__init__(agent, server, action)
         agent.on("list", LIST_WHAT_IS_THERE)
@@ -152,11 +162,14 @@ class Content(Case):
             here, there = session.file(path), self.agent.directory / path
             assert not here.exists() or here.read_bytes() == content, path
             assert here.exists() or there.read_bytes() == content, path
+        check_records(session, self.RECORDS)
 
     def check_done(self, run):
         for path, content in CONTENT.items():
             assert run.session.file(path).read_bytes() == content, path
             assert not (self.agent.directory / path).exists(), path
+        assert all(run.session.file(record).exists() for record in self.RECORDS)
+        check_records(run.session, self.RECORDS)
         assert not list(run.session.path.rglob(".incoming-*"))
 
 

@@ -118,7 +118,7 @@ class HeldDump:
 def held_dump(tallowick, server, agent):
     held = []
 
-    def start(*options, **more):
+    def start(*options, agent=agent, **more):
         held.append(HeldDump(tallowick, server, agent, *options, **more))
         return held[-1]
 
@@ -266,6 +266,31 @@ def test_refresh_that_fills_the_disk_leaves_room_for_the_dump(held_dump, workspa
         assert dump.local_status.read_bytes() == status_document("one")
         assert_dumped(dump.end())
         assert not dump.session.file("dumping-status.xml.tmp").exists()
+
+
+def test_runs_in_one_session_leave_the_status_to_the_one_that_refreshes_it(tallowick, product, held_dump, agent,
+                                                                           workspace):
+    one = held_dump()
+    os.mkfifo(agent.directory / "dumping-status.xml")
+    os.chmod(agent.directory / "dumping-status.xml", 0o644)
+    two = held_dump(agent=DeployedAgent(product, workspace / "other", "OtherAgent"), session=one.session)
+    two.set_status(status_document("two"))
+    tick(one.running)
+    unfinished = one.session.file("dumping-status.xml.tmp")
+    with open_for_reader(agent.directory / "dumping-status.xml") as half:
+        half.write(status_document("one")[:10])
+        wait_until(lambda: unfinished.exists() and unfinished.read_bytes(), "half of the status")
+        two.tick()
+        assert unfinished.read_bytes() == status_document("one")[:10]
+        assert (two.reads(), two.local_status.exists()) == (0, False)
+        half.write(status_document("one")[10:])
+    wait_until(one.local_status.exists, "the status")
+    assert one.local_status.read_bytes() == status_document("one")
+    two.tick()
+    assert two.local_status.read_bytes() == status_document("two")
+    for dump in (one, two):
+        assert dump.end().status == 0
+    assert not unfinished.exists()
 
 
 def test_dumper_that_never_stops_talking_does_not_keep_the_status_from_being_refreshed(tallowick, server, agent):
