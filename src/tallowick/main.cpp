@@ -10,7 +10,9 @@
 #include <sys/resource.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <csignal>
+#include <cstring>
 #include <exception>
 #include <iostream>
 #include <tuple>
@@ -80,6 +82,8 @@ void keepStatus(int status) {
 
 int main(int argc, char** argv) {
     if (!reserveStandardDescriptors()) {
+        const int error = errno;
+        std::cerr << "Cannot open the standard descriptors: " << std::strerror(error) << "\n";
         return korva::kExitUsage;
     }
     prepareSignals();

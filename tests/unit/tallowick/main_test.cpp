@@ -113,6 +113,20 @@ TEST(Main, LetsNobodyReadOrWriteWhatStandsInForClosedDescriptors) {
               }));
 }
 
+TEST(Main, EndsWith1AndAWordWhenItHasNoDescriptorLeft) {
+    EXPECT_EQ(0, statusOfChild([] {
+                  const CapturedStream error(std::cerr);
+                  rlimit limit{};
+                  EXPECT_EQ(0, getrlimit(RLIMIT_NOFILE, &limit));
+                  const rlimit standardOnly{STDERR_FILENO + 1, limit.rlim_max};
+                  EXPECT_EQ(0, setrlimit(RLIMIT_NOFILE, &standardOnly));
+                  const int status = runMain();
+                  EXPECT_EQ(0, setrlimit(RLIMIT_NOFILE, &limit));  // the sanitizers need some, too
+                  EXPECT_EQ(1, status);
+                  EXPECT_EQ("Cannot open the standard descriptors: Too many open files\n", error.str());
+              }));
+}
+
 TEST(Main, LeavesNoDescriptorOpenBesideTheStandardOnes) {
     EXPECT_EQ(0, statusOfChild([] {
                   const int before = open("/dev/null", O_RDONLY | O_CLOEXEC);
