@@ -26,15 +26,17 @@ class tPeriodSeparatedListOperator : public tXmlOperator {
   public:
     explicit tPeriodSeparatedListOperator(std::string& list) : list_(list) {}
 
+    // The nodes are texts and CDATA sections. Not xmlNodeGetContent(): what it finds no memory for would be
+    // left out of the selection as if it were empty.
     void act(xmlNodePtr node) override {
-        const std::unique_ptr<xmlChar, void (*)(void*)> content(xmlNodeGetContent(node), xmlFree);
-        if (!content || *content == 0) {
+        const auto* const content = reinterpret_cast<const char*>(node->content);
+        if (content == nullptr || *content == '\0') {
             return;
         }
         if (count_ > 0) {
             list_ += ",";
         }
-        list_ += reinterpret_cast<const char*>(content.get());
+        list_ += content;
         ++count_;
     }
 

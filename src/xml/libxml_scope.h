@@ -20,6 +20,10 @@ class LibxmlScope {
     /// All messages so far, in order.
     const std::string& messages() const { return messages_; }
 
+    /// Whether libxml2 has found no memory for something. It may have left that out, a text or a node of a
+    /// set, and have gone on as if nothing had happened.
+    static bool hasLackedMemory();
+
   private:
     std::string messages_;
     xmlStructuredErrorFunc structuredBefore_;

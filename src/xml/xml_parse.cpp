@@ -7,6 +7,8 @@
 
 #include <cstdarg>
 #include <cstdio>
+#include <memory>
+#include <new>
 #include <tuple>
 #include <utility>
 
@@ -16,6 +18,7 @@ namespace {
 constexpr const char* kSourceName = "./xml_parse";
 
 xmlXPathContextPtr newContext(xmlDocPtr doc, xmlNodePtr contextNode) {
+    const LibxmlScope libxml;
     xmlXPathContextPtr context = xmlXPathNewContext(doc);
     if (context == nullptr) {
         throw KORVA_EXC(AssertionFailed) % "xpathCtx_.get() != NULL";
@@ -24,10 +27,36 @@ xmlXPathContextPtr newContext(xmlDocPtr doc, xmlNodePtr contextNode) {
     return context;
 }
 
+using XPathParser = std::unique_ptr<xmlXPathParserContext, void (*)(xmlXPathParserContextPtr)>;
+
+// Where libxml2 2.9.14 finds no memory for the stack of values it frees the parser twice: it is given the
+// stack.
+XPathParser newParser(const std::string& expression, xmlXPathContextPtr context) {
+    constexpr int kValues = 10;  // it grows
+    XPathParser parser(
+        xmlXPathNewParserContext(reinterpret_cast<const xmlChar*>(expression.c_str()), context),
+        &xmlXPathFreeParserContext);
+    if (parser != nullptr) {
+        parser->valueTab = static_cast<xmlXPathObjectPtr*>(xmlMalloc(kValues * sizeof(xmlXPathObjectPtr)));
+        parser->valueMax = kValues;
+    }
+    if (parser == nullptr || parser->valueTab == nullptr) {
+        throw std::bad_alloc();
+    }
+    return parser;
+}
+
 xmlXPathObjectPtr evaluate(const std::string& expression, xmlXPathContextPtr context) {
     const LibxmlScope libxml;
-    xmlXPathObjectPtr result =
-        xmlXPathEvalExpression(reinterpret_cast<const xmlChar*>(expression.c_str()), context);
+    const XPathParser parser = newParser(expression, context);
+    xmlXPathEvalExpr(parser.get());
+    if (parser->error != XPATH_EXPRESSION_OK) {
+        throw KORVA_EXC(tError_XPath_CantEvaluate) % expression;
+    }
+    if (LibxmlScope::hasLackedMemory() || context->lastError.code == XML_ERR_NO_MEMORY) {
+        throw std::bad_alloc();
+    }
+    xmlXPathObjectPtr const result = valuePop(parser.get());
     if (result == nullptr) {
         throw KORVA_EXC(tError_XPath_CantEvaluate) % expression;
     }
@@ -79,8 +108,12 @@ tXPathExpr::tXPathExpr(const tXmlDocument& document, std::string expression, xml
       result_(evaluate(expression_, xpathCtx_.get())) {}
 
 std::string tXPathExpr::str() const {
+    const LibxmlScope libxml;
     const std::unique_ptr<xmlChar, void (*)(void*)> text(xmlXPathCastToString(result_.get()), xmlFree);
-    return text != nullptr ? reinterpret_cast<const char*>(text.get()) : "";
+    if (text == nullptr || LibxmlScope::hasLackedMemory()) {
+        throw std::bad_alloc();
+    }
+    return reinterpret_cast<const char*>(text.get());
 }
 
 tXPathExpr::operator bool() const {

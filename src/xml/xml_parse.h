@@ -21,10 +21,12 @@ xmlNodePtr getXmlChild(xmlNodePtr node, const std::string& name);
 /// An evaluated XPath expression. Keeps the document alive.
 class tXPathExpr {
   public:
-    /// Throws tError_XPath_CantEvaluate. `contextNode` is where relative expressions start.
+    /// Throws tError_XPath_CantEvaluate, and std::bad_alloc when memory has not sufficed for the whole
+    /// result. `contextNode` is where relative expressions start.
     tXPathExpr(const tXmlDocument& document, std::string expression, xmlNodePtr contextNode);
 
-    /// By the rules of XPath's string(): that of the first node, or empty, for a set of nodes.
+    /// By the rules of XPath's string(): that of the first node, or empty, for a set of nodes. Throws
+    /// std::bad_alloc.
     std::string str() const;
     /// By the rules of XPath's boolean(): whether there is such a node.
     explicit operator bool() const;

@@ -18,8 +18,13 @@
 namespace korva {
 namespace {
 
+/// Null also for a document of which something may be missing.
 std::shared_ptr<xmlDoc> own(xmlDocPtr doc) {
-    return doc != nullptr ? std::shared_ptr<xmlDoc>(doc, &xmlFreeDoc) : nullptr;
+    if (doc == nullptr) {
+        return nullptr;
+    }
+    std::shared_ptr<xmlDoc> owner(doc, &xmlFreeDoc);
+    return LibxmlScope::hasLackedMemory() ? nullptr : owner;
 }
 
 }  // namespace

@@ -266,9 +266,13 @@ std::string tXmlDvxDocument::getNodeText(const xmlNode* node) {
     return text;
 }
 
+// Not xmlGetNoNsProp(): an attribute that it finds no memory for looks like one that is not there.
 std::optional<std::string> tXmlDvxDocument::findAttribute(const xmlNode* node, const std::string& name) {
-    const std::unique_ptr<xmlChar, void (*)(void*)> value(xmlGetNoNsProp(node, toXml(name)), xmlFree);
-    return value != nullptr ? std::optional(fromXml(value.get())) : std::nullopt;
+    const xmlAttr* const attribute = xmlHasNsProp(node, toXml(name), nullptr);
+    if (attribute == nullptr) {
+        return std::nullopt;
+    }
+    return getNodeText(reinterpret_cast<const xmlNode*>(attribute));
 }
 
 std::string tXmlDvxDocument::getAttribute(const xmlNode* node, const std::string& name) {

@@ -2,6 +2,7 @@
 #include "tallowick/dump_selection.h"
 
 #include "support/files.h"
+#include "support/libxml_allocation_failure.h"
 #include "support/recording_logs.h"
 #include "support/temp_dir.h"
 #include "support/thrown_errors.h"
@@ -10,6 +11,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <new>
 #include <string>
 #include <vector>
 
@@ -85,6 +87,32 @@ TEST_F(SelectedObjects, AppendToANonEmptyListWithoutACommaInBetween) {
     domains = "before,";
     parse("<objects><domain><name>a</name></domain></objects>");
     EXPECT_EQ("before,a", domains);
+}
+
+TEST_F(SelectedObjects, AreReadWholeOrNotAtAllWhereMemoryDoesNotSuffice) {
+    const std::string content =
+        "<objects><parameters filter='only-mail' compression-level='do-not-compress'/>"
+        "<reseller><name>r</name><client><name>c</name></client></reseller>"
+        "<domain><name>d1</name></domain><domain><name><![CDATA[d2]]></name></domain></objects>";
+    parse(content);  // libxml2 may set itself up
+    int whole = 0;
+    for (int number = 1; whole == 0; ++number) {
+        domains = clients = resellers = "";
+        filter = kFilterNone;
+        compress = kCompressNotGiven;
+        const test::LibxmlAllocationFailure failure(number);
+        try {
+            parse(content);
+        } catch (const std::bad_alloc&) {
+            continue;
+        } catch (const ExTraceable&) {
+            continue;
+        }
+        EXPECT_EQ("d1,d2 c r", domains + " " + clients + " " + resellers) << number;
+        EXPECT_EQ(kFilterOnlyMail, filter) << number;
+        EXPECT_EQ(kCompressNone, compress) << number;
+        whole += test::LibxmlAllocationFailure::happened() ? 0 : 1;
+    }
 }
 
 TEST_F(SelectedObjects, TellOfServerLicenseAndAdminInfo) {

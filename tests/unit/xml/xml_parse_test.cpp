@@ -1,15 +1,19 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "xml/xml_parse.h"
 
+#include "support/libxml_allocation_failure.h"
+
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <new>
 #include <stdexcept>
 #include <vector>
 
 namespace korva {
 namespace {
 
+using test::LibxmlAllocationFailure;
 using testing::ElementsAre;
 
 constexpr const char* kSourceName = "./xml_parse_test";
@@ -114,6 +118,29 @@ TEST_F(XPath, ResultOutlivesTheDocumentObject) {
     const tXPathExpr expression(*parsed, "/a", nullptr);
     parsed.reset();
     EXPECT_EQ(expression.str(), "text");
+}
+
+TEST_F(XPath, StringIsNotEmptyForWantOfMemory) {
+    for (const std::string expression : {"/r/m/@a", "/r/n", "count(/r/n)", "string(/r/n)"}) {
+        const tXPathExpr evaluated = xpath(expression);
+        const LibxmlAllocationFailure failure;
+        EXPECT_THROW(evaluated.str(), std::bad_alloc) << expression;
+    }
+    EXPECT_EQ(xpath("/r/m/@a").str(), "x");
+}
+
+TEST_F(XPath, ResultIsWholeOrAnErrorWhereMemoryDoesNotSuffice) {
+    bool failed = true;
+    for (int number = 1; failed; ++number) {
+        const LibxmlAllocationFailure failure(number);
+        try {
+            const tXPathExpr names = xpath("/r/n/text() | /r/m/@a");
+            ASSERT_EQ(names.result()->nodesetval->nodeNr, 4) << number;
+        } catch (const std::bad_alloc&) {
+        } catch (const ExTraceable&) {
+        }
+        failed = LibxmlAllocationFailure::happened();
+    }
 }
 
 TEST_F(ForeachXmlNode, VisitsTheNodesInDocumentOrder) {

@@ -3,6 +3,7 @@
 
 #include "commons/filesystem.h"
 #include "support/files.h"
+#include "support/libxml_allocation_failure.h"
 #include "support/temp_dir.h"
 #include "xml/libxml_scope.h"
 
@@ -276,6 +277,12 @@ TEST(XmlAttribute, MayBeEmpty) {
 TEST(XmlAttribute, OfAnotherNamespaceIsNotTaken) {
     const Document document("<root xmlns:x='urn:x' x:size='1'/>");
     EXPECT_EQ(Document::findAttribute(document.root(), "size"), std::nullopt);
+}
+
+TEST(XmlAttribute, IsNotMissingForWantOfMemory) {
+    const Document document("<root size='5'/>");
+    const test::LibxmlAllocationFailure failure;
+    EXPECT_EQ(Document::findAttribute(document.root(), "size"), "5");
 }
 
 TEST(XmlAttribute, NamesNodeAndAttributeWhenThereIsNone) {
