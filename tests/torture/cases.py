@@ -4,14 +4,18 @@
 import hashlib
 import os
 import pathlib
+from dataclasses import dataclass
+from typing import NamedTuple
 from xml.etree import ElementTree
 
+from harness import sshd, tcp
 from harness.accounts import MOVER, OWNER
 from harness.agents import AgentCatalogue
 from harness.content import tree
 from harness.places import make_dir, remove_tree, write
 from harness.product import Product
 from harness.program import source
+from harness.relay import Relay
 from harness.session import Session
 
 AGENT = "SomeAgent"
@@ -25,12 +29,27 @@ DUMPING_STATUS = b"<dumping-status>" + b"s" * 5000 + b"</dumping-status>"
 CONTENT = {"flat": b"f" * 3000, "empty": b"", "in/a/directory": b"i" * 70_000, "of an earlier run": b"new" * 100}
 NEIGHBOURS = {"neighbour": b"not the agent's", "agen": b"nearly the agent's name", "other/file": b"elsewhere"}
 
+SELECTED_OBJECTS = """\
+<selection><parameters filter="only-mail" compression-level="do-not-compress"/>
+<domain><name>one.example</name></domain><domain><name>two.example</name></domain>
+<client><name>carl</name></client><client><name>carol</name></client><reseller><name>rose</name></reseller></selection>
+"""
+
 OLD_STATUS = b'<?xml version="1.0"?>\n<migration-status><idle/></migration-status>\n'
 OLD_RESULT = b'<?xml version="1.0"?>\n<execution-result status="error"/>\n'
 OLD_DUMP = b"<dump>of an earlier run</dump>"
 OLD_CONTENT = b"of an earlier run"
+ABANDONED = ".incoming-1-01234567-89ab-cdef-0123-456789abcdef"
 
-# Lists what is still there, as an agent has to; replaces its status and its dump as a whole.
+# What can be left undone.
+DIFFERS = "is not as it must be"
+STAYS = "is still on the source host"
+LEFT_OVER = "is left over"
+AGENT_STAYS = "the agent directory is still there"
+STATUS_STAYS = "the local dumping status is still there"
+NOT_PRINTED = "standard output is not the dumping status"
+
+# Lists what is still there, as an agent has to; notes what it is to dump; replaces its status and its dump as a whole.
 _ENTRY_POINT = """\
 own=${0%/*}
 case $* in
@@ -46,6 +65,8 @@ case $* in
         done
         printf '<contentlist size="%s" unpacked="0">%s</contentlist>' "$total" "$lines" ;;
     *)
+        printf '%s\\n' "$@" >"$own/.arguments"
+        cat >"$own/.input"
         for step in 1 2 3 ; do
             printf '<dumping-status>%05000d</dumping-status>' "$step" >"$own/new-status"
             mv "$own/new-status" "$own/dumping-status.xml"
@@ -65,22 +86,82 @@ def install_product():
     catalogue.install(AGENT, {"run.sh": _ENTRY_POINT, **AGENT_TREE}, EntryPoint="run.sh", Interpreter="sh")
 
 
+class Undone(NamedTuple):
+    """Something that a run owes its caller: one of the above, and the file that it is about where it is about one."""
+
+    what: str
+    path: str = ""
+
+    def __str__(self):
+        return f"{self.path} {self.what}".lstrip()
+
+
+@dataclass
+class Servers:
+    """The source host's servers, all with the same accounts and files; each has its own way to log in."""
+
+    password: sshd.SshServer
+    keyboard_interactive: sshd.SshServer
+    old: sshd.SshServer  # knows what the compatibility mode asks for
+
+    def stop(self):
+        """Ends them all."""
+        for server in (self.password, self.keyboard_interactive, self.old):
+            server.stop()
+
+
+def start_servers(directory):
+    """Starts servers that take down nothing."""
+    kinds = {"password": sshd.PASSWORD, "keyboard_interactive": sshd.KEYBOARD_INTERACTIVE,
+             "old": sshd.ALSO_OLD_KEY_EXCHANGE}
+    return Servers(**{name: sshd.SshServer(directory / name, config, record=False) for name, config in kinds.items()})
+
+
+class FirstConnectionCut(Relay):
+    """Ends the first connection of each run; the others get through."""
+
+    def __init__(self, server):
+        self._ends_next = False
+        super().__init__(server.port)
+
+    def rewind(self):
+        """Before each run."""
+        self._ends_next = True
+        self.connections.clear()
+
+    def _serve(self, client):
+        if self._ends_next:
+            self._ends_next = False
+            tcp.hang_up(client)
+            client.close()
+        else:
+            super()._serve(client)
+
+
 class Case:
     """One action in directories of its own. What it removes or replaces it finds again before each run."""
 
     action = ""
     account = MOVER
     sudo = False
+    agent_name = AGENT
     result = "migration.result"
+    keeps_status = True  # whether the action has a migration.status
+    stdin = b""
     tick_ms = None
     old_session = False  # whether an earlier run has left its documents
 
-    def __init__(self, name, directory, server):
+    def __init__(self, name, directory, servers):
         self.name = name
+        self.directory = directory
         self.source = make_dir(directory / "source")
         self.agent = self.source / "agent"
         self.session = Session(directory / "session")
-        self._server = server
+        self.server = self.choose_server(servers)
+
+    def choose_server(self, servers):
+        """The server to run against."""
+        return servers.password
 
     @property
     def arguments(self):
@@ -91,13 +172,16 @@ class Case:
 
     def host_options(self):
         """The options that name the source host and how to get there."""
-        return [*source(self._server, self.account), *(["--sudo-password"] if self.sudo else [])]
+        return [*source(self.server, self.account), *(["--sudo-password"] if self.sudo else [])]
 
     @property
     def passwords(self):
         """The variables that hold them."""
         own = {"OVN_PASSWORD": self.account.password}
         return {**own, "OVN_SUDO_PASSWORD": self.account.sudo_password} if self.sudo else own
+
+    def begin(self):
+        """Before each run."""
 
     def prepare(self):
         """Before each run in which a call fails."""
@@ -126,6 +210,18 @@ class Case:
         """What an earlier run has left besides its documents."""
         return {}
 
+    def local_directories(self):
+        """Where the action writes on this host."""
+        return [self.session.path]
+
+    def outcome(self):
+        """What the result document of this run says, "success" or "error"; None when there is none."""
+        file = self.session.file(self.result)
+        try:
+            return None if file.read_bytes() == OLD_RESULT else self.session.succeeded(self.result)
+        except (OSError, ElementTree.ParseError):
+            return None
+
     def lost(self):
         """What was on the source host and is neither there nor here."""
         there = tree(self.source)
@@ -136,12 +232,12 @@ class Case:
         return []
 
     def undone(self, run):
-        """What a run that tells of success has not done."""
+        """What a run that tells of success has not done, as `Undone`."""
         return []
 
 
 def _differing(directory, expected):
-    return [f"{path} is not as it must be" for path, content in expected.items()
+    return [Undone(DIFFERS, path) for path, content in expected.items()
             if not (directory / path).is_file() or (directory / path).read_bytes() != content]
 
 
@@ -153,6 +249,19 @@ class Scout(Case):
 
     def undone(self, run):
         return _differing(self.session.path, {"scout-result.xml": REPORT})
+
+
+class ScoutByKeyboardInteractive(Scout):
+    def choose_server(self, servers):
+        return servers.keyboard_interactive
+
+
+class ScoutInCompatibilityMode(Scout):
+    def choose_server(self, servers):
+        return FirstConnectionCut(servers.old)
+
+    def begin(self):
+        self.server.rewind()
 
 
 class Deployment(Case):
@@ -172,7 +281,7 @@ class DumpingStatus(Case):
         return {"dumping-status.xml": DUMPING_STATUS}
 
     def undone(self, run):
-        return [] if run.stdout == DUMPING_STATUS else [f"standard output has {len(run.stdout)} bytes"]
+        return [] if run.stdout == DUMPING_STATUS else [Undone(NOT_PRINTED)]
 
 
 class Dump(Case):
@@ -214,48 +323,108 @@ class DumpWithTicks(Dump):
         return {"dump.xml": OLD_DUMP}
 
 
+class DumpOfSelectedObjects(Dump):
+    """Of those that a file and standard input name; the agent is to fetch their content by rsync."""
+
+    action = "dump-selected"
+    stdin = b"three.example,four.example\n"
+
+    def options(self):
+        return [*super().options(), f"--selected-objects-file={self.directory / 'objects'}", "--domains=-",
+                "--content-transport=rsync", "--no-content"]
+
+    def prepare(self):
+        super().prepare()
+        write(self.directory / "objects", SELECTED_OBJECTS)
+
+    def undone(self, run):
+        arguments = ["--content-transport=rsync", "--migration-mode", "--dump-domains=-", "--dump-clients=-",
+                     "--dump-resellers=-", "--only-mail", "--no-compress", "--include-app-distrib", "--no-content"]
+        lines = ["127.0.0.1", self.account.login, self.account.password, str(self.server.port),
+                 "one.example,two.example,three.example,four.example", "carl,carol", "rose"]
+        given = {".arguments": "".join(f"{each}\n" for each in arguments).encode(), ".input": "\n".join(lines).encode()}
+        return [*super().undone(run), *_differing(self.agent, given)]
+
+
 class Content(Case):
     action = "get-content"
     result = "transfer.result"
+    content = CONTENT
+
+    @property
+    def target(self):
+        """Where the content goes."""
+        return self.session.path
+
+    def local_directories(self):
+        return list({self.session.path, self.target})
 
     def remote_files(self):
         entries = {f".entries/{number}": f"{len(content)} {hashlib.md5(content).hexdigest()} {path}\n".encode()
-                   for number, (path, content) in enumerate(CONTENT.items())}
-        return {**CONTENT, **entries}
+                   for number, (path, content) in enumerate(self.content.items())}
+        return {**self.content, **entries}
 
     def lost(self):
-        here, there = tree(self.session.path), tree(self.agent)
-        return [*super().lost(), *(path for path, content in CONTENT.items()
+        here, there = tree(self.target), tree(self.agent)
+        return [*super().lost(), *(path for path, content in self.content.items()
                                    if content not in (here.get(path), there.get(path)))]
 
     def torn(self):
-        return [path for path, content in CONTENT.items()
-                if (self.session.path / path).exists() and
-                (self.session.path / path).read_bytes() not in (content, self.old_files().get(path))]
+        return [path for path, content in self.content.items()
+                if (self.target / path).exists() and
+                (self.target / path).read_bytes() not in (content, self.old_files().get(path))]
 
     def undone(self, run):
         records = {"dump-name": "dump.xml", "migration-result-name": "migration.result"}
-        names = {name: os.fsencode(self.session.file(file)) for name, file in records.items()}
-        return [*_differing(self.session.path, {**CONTENT, **names}),
-                *(f"{path} is still on the source host" for path in CONTENT if (self.agent / path).exists()),
-                *(f"{path} is left over" for path in tree(self.session.path) if ".incoming-" in path)]
+        names = {name: os.fsencode(self.target / file) for name, file in records.items()}
+        return [*_differing(self.target, self.content), *_differing(self.session.path, names),
+                *(Undone(STAYS, path) for path in self.content if (self.agent / path).exists()),
+                *(Undone(LEFT_OVER, path) for path in tree(self.target) if ".incoming-" in path)]
 
 
 class ContentAgain(Content):
+    """After a run that was killed while it received a file."""
+
     old_session = True
 
     def old_files(self):
-        return {"of an earlier run": OLD_CONTENT}
+        return {"of an earlier run": OLD_CONTENT, ABANDONED: b"half"}
+
+    def undone(self, run):
+        return [each for each in super().undone(run) if each != Undone(LEFT_OVER, ABANDONED)]  # it is not this run's
+
+
+class ContentElsewhere(Content):
+    """Into a directory of its own, with a match for one of the files in the session: that is copied."""
+
+    old_session = True
+    content = {"flat": CONTENT["flat"], "in/a/flat": b"another", "in/dump-name": b"not of this program"}
+
+    @property
+    def target(self):
+        return self.directory / "dumps"
+
+    def options(self):
+        return [*super().options(), f"--dumps-dir={self.target}", "--no-encryption"]
+
+    def prepare(self):
+        remove_tree(self.target)
+        super().prepare()
+        make_dir(self.target)
+
+    def old_files(self):
+        return {"flat": self.content["flat"]}
 
 
 class Removal(Case):
     action = "remove-agent"
+    keeps_status = False
 
     def remote_files(self):
         return {"lib/file": b"file", "bin/file": b"file"}
 
     def undone(self, run):
-        return ["the agent directory is still there"] if self.agent.exists() else []
+        return [Undone(AGENT_STAYS)] if self.agent.exists() else []
 
 
 class LocalRemoval(Case):
@@ -263,9 +432,13 @@ class LocalRemoval(Case):
 
     action = "remove-dumping-status"
     passwords = {}
+    file = pathlib.Path("/dumping-status.xml")
 
     def options(self):
         return []
+
+    def undone(self, run):
+        return [Undone(STATUS_STAYS)] if self.file.exists() else []
 
 
 def _through_sudo(kind):
@@ -283,12 +456,19 @@ CASES = {
     "remove-agent": Removal,
     "remove-dumping-status": LocalRemoval,
     "send-scout, sudo": _through_sudo(Scout),
+    "deploy-agent, sudo": _through_sudo(Deployment),
     "get-dumping-status, sudo": _through_sudo(DumpingStatus),
     "dump-all, sudo": _through_sudo(Dump),
+    "dump-selected, refreshed, sudo": _through_sudo(DumpWithTicks),
     "get-content, sudo": _through_sudo(Content),
+    "remove-agent, sudo": _through_sudo(Removal),
+    "dump-selected, of listed objects": DumpOfSelectedObjects,
+    "get-content, elsewhere": ContentElsewhere,
+    "send-scout, keyboard-interactive": ScoutByKeyboardInteractive,
+    "send-scout, compatibility mode": ScoutInCompatibilityMode,
 }
 
 
-def make_case(name, directory, server):
+def make_case(name, directory, servers):
     """The case of that name; each maker's `directory` is its own."""
-    return CASES[name](name, pathlib.Path(directory), server)
+    return CASES[name](name, pathlib.Path(directory), servers)

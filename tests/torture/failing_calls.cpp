@@ -17,6 +17,7 @@
 
 #include <dlfcn.h>
 #include <fcntl.h>
+#include <link.h>
 #include <netdb.h>
 #include <poll.h>
 #include <sys/auxv.h>
@@ -232,14 +233,32 @@ void cut(int fd) {
     errno = error;
 }
 
+/// The addresses of the program itself, without its libraries.
+struct ProgramRange {
+    std::uintptr_t begin = 0;
+    std::uintptr_t end = 0;
+
+    void find() {
+        const auto* const headers = reinterpret_cast<const ElfW(Phdr)*>(getauxval(AT_PHDR));
+        const unsigned long count = getauxval(AT_PHNUM);
+        for (unsigned long i = 0; i < count; ++i) {
+            if (headers[i].p_type == PT_PHDR) {
+                begin = getauxval(AT_PHDR) - headers[i].p_vaddr;
+            }
+        }
+        for (unsigned long i = 0; i < count; ++i) {
+            const std::uintptr_t past = begin + headers[i].p_vaddr + headers[i].p_memsz;
+            end = headers[i].p_type == PT_LOAD && past > end ? past : end;
+        }
+    }
+};
+
+ProgramRange programRange;
+
 /// Whether `address` is code of the program itself, not of a library.
 bool isInProgram(const void* address) {
-    static const void* program = nullptr;
-    Dl_info place{};
-    if (program == nullptr && dladdr(reinterpret_cast<void*>(getauxval(AT_ENTRY)), &place) != 0) {
-        program = place.dli_fbase;
-    }
-    return dladdr(address, &place) != 0 && place.dli_fbase == program;
+    const auto place = reinterpret_cast<std::uintptr_t>(address);
+    return place >= programRange.begin && place < programRange.end;
 }
 
 bool isLostConnection(int sshError) {
@@ -326,6 +345,7 @@ STANDS_FOR(int, __libc_start_main,
            (int (*main)(int, char**, char**), int argc, char** argv, void (*init)(), void (*fini)(),
             void (*unload)(), void* stackEnd)) {
     readPlan();
+    programRange.find();
     programsMain = main;
     return reinterpret_cast<decltype(&standIn___libc_start_main)>(lookUp("__libc_start_main"))(
         &countedMain, argc, argv, init, fini, unload, stackEnd);
@@ -389,6 +409,7 @@ __attribute__((visibility("default"))) void operator delete[](void* memory, std:
 }
 
 FAILS_FOR_PROGRAM(char*, nullptr, strdup, (const char* text), (text))
+FAILS_FOR_PROGRAM(void*, nullptr, malloc, (std::size_t size), (size))
 
 // ---- Files ----
 
@@ -477,6 +498,7 @@ FAILS_WITH_ERRNO(int, -1, fstat, (int fd, void* result), (fd, result), EIO)
 FAILS_WITH_ERRNO(int, -1, fstat64, (int fd, void* result), (fd, result), EIO)
 FAILS_WITH_ERRNO(int, -1, fstatat, (int directory, const char* path, void* result, int flags),
                  (directory, path, result, flags), EACCES, EIO)
+FAILS_WITH_ERRNO(char*, nullptr, realpath, (const char* path, char* result), (path, result), EACCES, ENOMEM)
 FAILS_WITH_ERRNO(int, -1, statfs64, (const char* path, void* result), (path, result), EIO, EACCES)
 FAILS_WITH_ERRNO(void*, nullptr, getpwnam, (const char* name), (name), EIO, EMFILE)
 FAILS_WITH_ERRNO(int, -1, setenv, (const char* name, const char* value, int replaces),
@@ -531,6 +553,25 @@ STANDS_FOR(std::size_t, fwrite, (const void* data, std::size_t size, std::size_t
     }
     return NEXT(fwrite)(data, size, count, file);
 }
+
+#define READS_FROM_FILE(type, failed, symbol, parameters, arguments, file)        \
+    STANDS_FOR(type, symbol, parameters) {                                        \
+        static constinit Point point{#symbol, {EIO}};                             \
+        if (const int error = point.failure(); error != 0) {                      \
+            (file)->_flags |= _IO_ERR_SEEN; /* what ferror(3) and feof(3) tell */ \
+            errno = error;                                                        \
+            return failed;                                                        \
+        }                                                                         \
+        return NEXT(symbol) arguments;                                            \
+    }
+
+READS_FROM_FILE(ssize_t, -1, getline, (char** line, std::size_t* size, FILE* file), (line, size, file), file)
+READS_FROM_FILE(ssize_t, -1, __getdelim, (char** line, std::size_t* size, int end, FILE* file),
+                (line, size, end, file), file)
+// std::cin comes from these.
+READS_FROM_FILE(int, EOF, getc, (FILE * file), (file), file)
+READS_FROM_FILE(std::size_t, 0, fread, (void* data, std::size_t size, std::size_t count, FILE* file),
+                (data, size, count, file), file)
 
 STANDS_FOR(int, fflush, (FILE * file)) {
     static constinit Point point{"fflush", {ENOSPC}};
@@ -774,16 +815,23 @@ FAILS_FOR_PROGRAM(void*, nullptr, xmlOutputBufferCreateIO,
                   (void* writes, void* closes, void* context, void* encoder),
                   (writes, closes, context, encoder))
 FAILS_FOR_PROGRAM(void*, nullptr, xmlNewParserCtxt, (), ())
-FAILS_FOR_PROGRAM(void*, nullptr, xmlCtxtReadMemory,
-                  (void* context, const char* data, int size, const char* url, const char* encoding,
-                   int options),
-                  (context, data, size, url, encoding, options))
+FAILS_FOR_PROGRAM(void*, nullptr, xmlCtxtReadIO,
+                  (void* context, int (*reads)(void*, char*, int), int (*closes)(void*), void* input,
+                   const char* url, const char* encoding, int options),
+                  (context, reads, closes, input, url, encoding, options))
 FAILS_FOR_PROGRAM(void*, nullptr, xmlCtxtReadFd,
                   (void* context, int fd, const char* url, const char* encoding, int options),
                   (context, fd, url, encoding, options))
 FAILS_FOR_PROGRAM(void*, nullptr, xmlXPathNewContext, (void* document), (document))
+FAILS_FOR_PROGRAM(void*, nullptr, xmlXPathNewParserContext, (const void* expression, void* context),
+                  (expression, context))
 FAILS_FOR_PROGRAM(void*, nullptr, xmlXPathEvalExpression, (const void* expression, void* context),
                   (expression, context))
+
+FAILS_FOR_PROGRAM(char*, nullptr, xmlXPathCastToString, (void* object), (object))
+FAILS_FOR_PROGRAM(char*, nullptr, xmlNodeGetContent, (const void* node), (node))
+FAILS_FOR_PROGRAM(char*, nullptr, xmlGetNoNsProp, (const void* node, const void* name), (node, name))
+FAILS_FOR_PROGRAM(void*, nullptr, xmlFindCharEncodingHandler, (const char* name), (name))
 
 // The buffer is used up all the same.
 STANDS_FOR(int, xmlSaveFileTo, (void* buffer, void* document, const char* encoding)) {

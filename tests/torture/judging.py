@@ -1,40 +1,81 @@
 # SPDX-License-Identifier: Apache-2.0
 """What no run may do, whichever of its calls has failed."""
 
+import os
 import re
 from xml.etree import ElementTree
 
+from cases import AGENT_STAYS, DIFFERS, NOT_PRINTED, STATUS_STAYS, STAYS
+from harness.agents import AgentCatalogue
+from harness.product import Product
 from harness.program import DOCUMENTED_STATUSES
 
-# The successes that the program owes its callers although something was not done: by the name of the rule, whether
-# it covers that this was left undone by this run. Nothing else is forgiven.
+KINDS = ("hang", "crash", "false success", "contradiction", "silence", "torn document", "lost file", "leak", "password",
+         "failed recovery")
+
+
+# ---- The successes that the program owes its callers although something was not done ----
+
+def _is_empty(file):
+    return file.is_file() and file.stat().st_size == 0
+
+
+def _was_sent_empty(case, run, undone):
+    if (case.action, undone.what) != ("deploy-agent", DIFFERS) or not _is_empty(case.agent / undone.path):
+        return False
+    catalogue = AgentCatalogue(Product())
+    return any(f"ERROR k.Ssh: Cannot read {directory / undone.path}: " in run.session.log
+               for directory in (catalogue.shared, catalogue.path(case.agent_name)))
+
+
+def _upload_has_failed(case, run, undone):
+    line = f"ERROR k.Ssh: Writing to the remote file {case.agent / undone.path} has ended with return code "
+    return case.action == "deploy-agent" and undone.what == DIFFERS and line in run.session.log
+
+
+def _tells_of(run, code, text):
+    return bool(re.search(rf"{code}\[[^]]*\]: {re.escape(text)}", run.session.log))
+
+
+def _was_not_removed(case, run, undone):
+    return (case.action == "get-content" and undone.what == STAYS and
+            _tells_of(run, "UnableToRemoveRemoteFile", f"Unable to remove remote file '{case.agent / undone.path}'"))
+
+
+def _differs_from_its_sum(case, run, undone):
+    return (case.action == "get-content" and undone.what in (STAYS, DIFFERS) and
+            _tells_of(run, "WrongMd5Sum", f"File '{case.agent / undone.path}' is not what the content list says: "))
+
+
+def _is_not_there_yet(case, run, undone):
+    return (case.action == "get-dumping-status" and undone.what == NOT_PRINTED and not case.sudo and
+            run.stdout == b"" and "Dumping status was not read: " in run.session.log)
+
+
+# By the name of the rule, whether it covers that this was left undone by this run. Nothing else is forgiven.
 MANDATED_SUCCESSES = {
     "remove-agent never fails on its own account":
-        lambda case, run, undone: case.action == "remove-agent",
+        lambda case, run, undone: case.action == "remove-agent" and undone.what == AGENT_STAYS,
     "remove-dumping-status does not look at its outcome":
-        lambda case, run, undone: case.action == "remove-dumping-status",
-    "a local file that cannot be opened is sent as an empty one":
-        lambda case, run, undone: case.action == "deploy-agent" and "is not as it must be" in undone and
-        "ERROR k.Ssh: Cannot read " in run.session.log,
-    "the status of an upload is logged and nothing else":
-        lambda case, run, undone: case.action == "deploy-agent" and "is not as it must be" in undone and
-        "has ended with return code" in run.session.log,
-    "a remote file that cannot be removed is logged and stays":
-        lambda case, run, undone: undone.endswith("is still on the source host") and
-        "UnableToRemoveRemoteFile[" in run.session.log,
-    "content that differs from its sum is logged and stays on the source host":
-        lambda case, run, undone: case.action == "get-content" and "WrongMd5Sum[" in run.session.log,
-    "a dumping status that does not exist yet is nothing to print":
-        lambda case, run, undone: case.action == "get-dumping-status" and not case.sudo and run.stdout == b"" and
-        "Dumping status was not read" in run.session.log,
+        lambda case, run, undone: case.action == "remove-dumping-status" and undone.what == STATUS_STAYS,
+    "a local file that cannot be opened is sent as an empty one": _was_sent_empty,
+    "the status of an upload is logged and nothing else": _upload_has_failed,
+    "a remote file that cannot be removed is logged and stays": _was_not_removed,
+    "content that differs from its sum is logged and stays on the source host": _differs_from_its_sum,
+    "a dumping status that does not exist yet is nothing to print": _is_not_there_yet,
 }
+
+
+def _is_forgiven(case, run, undone):
+    return any(covers(case, run, undone) for covers in MANDATED_SUCCESSES.values())
+
+
+# ---- Documents ----
 
 _ROOTS = {"migration.status": "migration-status", "migration.result": "execution-result",
           "transfer.result": "execution-result"}
 # What follows the name of a document is a number; six characters of any kind make the name of a temporary file.
 _DOCUMENT = re.compile(r"(migration\.status|migration\.result|transfer\.result)(\.\d+)?")
-
-KINDS = ("hang", "crash", "false success", "torn document", "lost file", "leak", "password", "failed recovery")
 
 
 def torn_documents(case):
@@ -52,50 +93,99 @@ def torn_documents(case):
     return wrong
 
 
-def _tells_of_success(case, run):
-    if run.status == 0:
-        return True
+def _is_idle(case):
     try:
-        return case.session.succeeded(case.result) == "success"
+        return [child.tag for child in case.session.status] == ["idle"]
     except (OSError, ElementTree.ParseError):
         return False
 
 
-def undone(case, run):
+def _may_not_last(case, run, told):
+    return (run.status, told) == (1, "success") and run.stderr.startswith(b"Uncaught ")
+
+
+# By the name of the rule, whether it covers that status and result document do not agree. Nothing else is forgiven.
+MANDATED_CONTRADICTIONS = {
+    # Its error ends the run in main, and says so: the action has succeeded, but a power failure could take that back.
+    "a result document that is in place and could not be flushed there ends with 1": _may_not_last,
+}
+
+
+def contradictions(case, run):
+    """Where the ways in which a run tells its outcome do not agree."""
+    found = []
+    told = case.outcome()
+    agree = told is None or (told == "success") == (run.status == 0)
+    if not agree and not any(covers(case, run, told) for covers in MANDATED_CONTRADICTIONS.values()):
+        found.append(f'status {run.status}, but {case.result} says "{told}"')
+    if run.status == 0 and (case.keeps_status or case.session.file("migration.status").exists()) and not _is_idle(case):
+        found.append("the run is over, but migration.status is not idle")
+    return found
+
+
+# ---- Judging a run ----
+
+# A report of leaks ends with a summary of all of AddressSanitizer.
+_COMPLAINT = re.compile(rb"^.*(?:Sanitizer|runtime error: ).*$", re.MULTILINE)
+_LEAKS = re.compile(rb"LeakSanitizer|SUMMARY: AddressSanitizer: \d+ byte\(s\) leaked in \d+ allocation\(s\)")
+
+
+def complaints(stderr):
+    """What the sanitizers have to say, as (kind, text). The status of a run does not tell it: that of leaks must not
+    hide the run's own, and the sanitizers share it."""
+    lines = _COMPLAINT.findall(stderr)
+    reports = [line for line in lines if not _LEAKS.search(line)]
+    found = [("crash", reports[0].decode("utf-8", "replace"))] if reports else []
+    if len(reports) < len(lines):
+        found.append(("leak", "memory that is never freed"))
+    return found
+
+
+def passwords_shown(case, run):
+    """Where a password can be read."""
+    places = {"standard output": run.stdout, "standard error": run.stderr}
+    for directory in case.local_directories():
+        places |= {str(file): file.read_bytes() for file in directory.rglob("*")
+                   if file.is_file() and not file.is_symlink()}
+    return [f"a password is in {name}" for name, content in places.items()
+            if any(os.fsencode(password) in content for password in case.passwords.values())]
+
+
+def _missing_result(case, run):
+    is_missing = run.status == 0 and not case.session.file(case.result).exists()
+    return [f"there is no {case.result}"] if is_missing else []
+
+
+def false_successes(case, run):
     """What a run that tells of success owes its caller and has not done."""
-    missing = [each for each in case.undone(run)
-               if not any(covers(case, run, each) for covers in MANDATED_SUCCESSES.values())]
-    if run.status == 0 and not case.session.file(case.result).exists():
-        missing.append(f"there is no {case.result}")
-    return missing
+    if run.status != 0 and case.outcome() != "success":
+        return []
+    return [*(str(each) for each in case.undone(run) if not _is_forgiven(case, run, each)), *_missing_result(case, run)]
+
+
+def _left_behind(case):
+    return [("torn document", name) for name in torn_documents(case)] + [("lost file", path) for path in case.lost()]
 
 
 def findings(case, run):
     """What is wrong with a run in which one call has failed, as (kind, text)."""
-    found = []
+    found = complaints(run.stderr)
     if run.hung:
         found.append(("hang", f"still running after {run.seconds:.0f} s"))
     elif run.status not in DOCUMENTED_STATUSES:
         found.append(("crash", f"status {run.status}"))
-    if b"LeakSanitizer" in run.stderr:
-        found.append(("leak", "memory that is never freed"))
-    found += [("torn document", name) for name in torn_documents(case)]
-    found += [("lost file", path) for path in case.lost()]
-    if _tells_of_success(case, run):
-        found += [("false success", text) for text in undone(case, run)]
-    for password in case.passwords.values():
-        if password.encode() in run.stderr or password in case.session.log:
-            found.append(("password", "in the log or on standard error"))
-    return found
+    found += [("false success", text) for text in false_successes(case, run)]
+    found += [("contradiction", text) for text in contradictions(case, run)]
+    if run.status != 0 and not run.stderr and not run.hung:
+        found.append(("silence", f"status {run.status} without a word on standard error"))
+    found += [("password", text) for text in passwords_shown(case, run)]
+    return found + _left_behind(case)
 
 
 def recovery_findings(case, run):
-    """What is wrong with the run after it, in which no call fails."""
-    found = []
+    """What is wrong with a run in which no call fails: it has to do everything, and nothing is forgiven."""
     if run.hung or run.status != 0:
-        found.append(("failed recovery", f"status {run.status}: {run.stderr.decode('utf-8', 'replace')[-500:]}"))
+        wrong = [f"status {run.status}: {run.stderr.decode('utf-8', 'replace')[-500:]}"]
     else:
-        found += [("failed recovery", text) for text in undone(case, run)]
-    found += [("torn document", name) for name in torn_documents(case)]
-    found += [("lost file", path) for path in case.lost()]
-    return found
+        wrong = [*map(str, case.undone(run)), *_missing_result(case, run), *contradictions(case, run)]
+    return [("failed recovery", text) for text in wrong] + _left_behind(case)

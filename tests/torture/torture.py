@@ -21,22 +21,24 @@ ROOT = pathlib.Path(__file__).resolve().parents[2]
 sys.path.insert(0, str(ROOT / "tests" / "e2e"))
 
 # pylint: disable=wrong-import-position
-from cases import CASES, install_product, make_case
+from cases import CASES, install_product, make_case, start_servers
 from harness import accounts, sshd
 from harness.places import BASE, make_dir, remove_tree
 from harness.processes import finish
 from harness.product import configure
 from harness.program import environment
 from harness.session import Session
-from judging import KINDS, findings, recovery_findings
+from judging import KINDS, complaints, findings, recovery_findings
 
 BUILD = ROOT / "build"
 # Copies, which no build replaces meanwhile.
 PROGRAM = BASE / "tallowick"  # the one in which a call fails: the sanitizers watch it
 RECOVERING_PROGRAM = BASE / "tallowick-release"
 LIBRARY = BASE / "failing_calls.so"
-# Of the sanitizers, AddressSanitizer would have its library first, but what is to fail has to stand before it. Leaks
-# are read off standard error: their status would hide the run's own.
+DELIBERATE_FAULTS = BASE / "deliberate_faults"
+# Of the sanitizers, AddressSanitizer would have its library first, but what is to fail has to stand before it. The
+# status for leaks is that for everything else that it finds; it would hide the run's own, so reports are read off
+# standard error.
 SANITIZERS = {"ASAN_OPTIONS": f"{os.environ.get('ASAN_OPTIONS', '')}:exitcode=99:verify_asan_link_order=0:"
                                 "fast_unwind_on_malloc=0",
               "UBSAN_OPTIONS": "exitcode=99:halt_on_error=1:print_stacktrace=1",
@@ -92,18 +94,19 @@ class Finding:
 
 def start(case, *program, **variables):
     """Runs a case to its end; `program` is the command that runs the program."""
+    case.begin()
     began = time.monotonic()
-    process = subprocess.Popen([*program, *case.arguments], stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
+    process = subprocess.Popen([*program, *case.arguments], stdin=subprocess.PIPE, stdout=subprocess.PIPE,
                                stderr=subprocess.PIPE, cwd="/", env=environment(**case.passwords, **variables))
-    out, err, hung = finish(process, HANGS_AFTER_S)
+    out, err, hung = finish(process, HANGS_AFTER_S, case.stdin)
     return Run(process.returncode, out, err, time.monotonic() - began, hung, case.session)
 
 
-def start_with_library(case, list_file, **variables):
+def start_with_library(case, list_file, program=PROGRAM, **variables):
     """The same under the sanitizers and with the library that counts and fails calls."""
     list_file.unlink(missing_ok=True)
     ticks = {} if case.tick_ms is None else {"FAILING_CALLS_TICK_MS": str(case.tick_ms)}
-    run = start(case, PROGRAM, LD_PRELOAD=str(LIBRARY), FAILING_CALLS_LIST=str(list_file), **SANITIZERS, **ticks,
+    run = start(case, program, LD_PRELOAD=str(LIBRARY), FAILING_CALLS_LIST=str(list_file), **SANITIZERS, **ticks,
                 **variables)
     lines = list_file.read_text(encoding="utf-8", errors="replace").splitlines() if list_file.exists() else []
     return run, lines
@@ -112,9 +115,9 @@ def start_with_library(case, list_file, **variables):
 class Worker:
     """Works on one fault after the other, in directories of its own."""
 
-    def __init__(self, directory, server):
+    def __init__(self, directory, servers):
         self._list = make_dir(directory) / "calls"
-        self._cases = {name: make_case(name, directory / str(number), server)
+        self._cases = {name: make_case(name, directory / str(number), servers)
                        for number, name in enumerate(CASES)}
 
     def faults(self, name):
@@ -230,7 +233,7 @@ def parse_options():
     parser.add_argument("--seed", type=int, default=None, help="order of the faults (random by default; it is printed)")
     parser.add_argument("--only", action="append", metavar="CASE[/NAME[:ORDINAL[:WAY]]]",
                         help="only the faults whose names begin so; * is any case")
-    parser.add_argument("--jobs", type=int, default=2, help="runs at a time (2)")
+    parser.add_argument("--jobs", type=int, default=4, help="runs at a time (4: a run waits more than it works)")
     parser.add_argument("--examples", type=int, default=40, help="places of findings to print (40)")
     parser.add_argument("--list", action="store_true", help="print how many calls can fail, and end")
     return parser.parse_args()
@@ -265,19 +268,75 @@ def distinct(faults):
     return kept
 
 
+# What the library stands in for and no run lets fail, with the reason.
+UNREACHED = {
+    "__libc_start_main": "counting begins there",
+    "alarm": "cannot fail; is only to ring earlier",
+    "libssh2_session_last_error": "cannot fail; tells of other calls that have",
+    "getsockopt": "asked only why an interrupted connect() has failed: connect() is what fails then",
+    "xmlFindCharEncodingHandler": "no document that the program writes names an encoding",
+    "xmlNewCDataBlock": "no document that the program writes has such a block",
+    "xmlNewDocText": "no document that the program writes has text beside elements",
+}
+# What the program calls through libraries alone.
+IN_LIBRARIES = {"new", "getc", "realpath", "send", "recv"}
+
+
+def symbols(kind, file):
+    """The dynamic symbols of a file, without versions; `kind` is "defined" or "undefined"."""
+    lines = subprocess.run(["nm", "-D", f"--{kind}-only", file], check=True, capture_output=True, text=True).stdout
+    names = {line.split()[-1].partition("@")[0] for line in lines.splitlines()}
+    return {name for name in names if not name.startswith("_Z")}  # operator new is counted under a name of its own
+
+
+def never_failed(calls, stand_ins, imports):
+    """What is wrong with a whole run in which `calls` have failed: stand-ins that might as well not be there."""
+    expected = (stand_ins & imports) | IN_LIBRARIES
+    return [*(f"{name} has never failed" for name in sorted(expected - calls - UNREACHED.keys())),
+            *(f"{name} has failed, but is named as one that never does" for name in sorted(calls & UNREACHED.keys()))]
+
+
+@dataclass
+class DeliberateFault:
+    """A program of the tests that does something wrong, to be run as if it were a case."""
+
+    arguments: list
+    passwords: dict = field(default_factory=dict)
+    stdin: bytes = b""
+    tick_ms: "int | None" = None
+    session: "Session | None" = None
+
+    def begin(self):
+        """Nothing to be done."""
+
+
+def blind_spots(list_file):
+    """What the sanitizers do not find, or find where there is nothing, when they run as they do in every run."""
+    crashes = dict.fromkeys(("use-after-free", "null", "overflow"), {"crash"})
+    expected = {"nothing": set(), "leak": {"leak"}, **crashes}
+    wrong = []
+    for fault, kinds in expected.items():
+        run, _ = start_with_library(DeliberateFault([fault]), list_file, program=DELIBERATE_FAULTS)
+        if {kind for kind, _ in complaints(run.stderr)} != kinds:
+            wrong.append(f"{fault}: status {run.status}, {run.stderr.decode('utf-8', 'replace')}")
+        if fault in ("nothing", "leak") and run.status != 0:
+            wrong.append(f"{fault}: status {run.status} in the place of the program's own")
+    return wrong
+
+
 @contextlib.contextmanager
 def source_host():
-    """A server to run the cases against, and beside it all that they need on this host."""
+    """Servers to run the cases against, and beside them all that they need on this host."""
     remove_tree(BASE)
     make_dir(BASE)
     sshd.prepare_machine()
     configure("# nothing but defaults\n")
     install_product()
-    server = sshd.SshServer(BASE / "server", record=False)
+    servers = start_servers(BASE)
     try:
-        yield server
+        yield servers
     finally:
-        server.stop()
+        servers.stop()
 
 
 def main():
@@ -287,11 +346,15 @@ def main():
     if reason:
         sys.exit(f"only inside the sandbox: {reason}")
     began = time.monotonic()
-    with source_host() as server:
+    with source_host() as servers:
         shutil.copy(BUILD / "asan" / "tallowick", PROGRAM)
         shutil.copy(BUILD / "release" / "tallowick", RECOVERING_PROGRAM)
         shutil.copy(BUILD / "release" / "tests" / "failing_calls.so", LIBRARY)
-        workers = [Worker(BASE / f"worker-{number}", server) for number in range(options.jobs)]
+        shutil.copy(BUILD / "asan" / "tests" / "deliberate_faults", DELIBERATE_FAULTS)
+        if unseen := blind_spots(BASE / "calls"):
+            sys.exit("the sanitizers do not see what they have to:\n" + "\n".join(unseen))
+        stand_ins, imports = symbols("defined", LIBRARY), symbols("undefined", PROGRAM)
+        workers = [Worker(BASE / f"worker-{number}", servers) for number in range(options.jobs)]
         faults = all_faults(workers[0], options.only)
         counts = collections.Counter(fault.case for fault in faults)
         print(f"{len(faults)} faults: " + ", ".join(f"{name} {count}" for name, count in counts.items()))
@@ -307,6 +370,9 @@ def main():
     is_whole = not seconds and not options.only
     if is_whole and tally.injected < LEAST_FAULTS:
         print(f"fewer than {LEAST_FAULTS} faults were injected")
+        return 1
+    if is_whole and (unused := never_failed(set(+tally.by_call), stand_ins, imports)):
+        print("\n".join(unused))
         return 1
     return 1 if tally.findings or tally.injected == 0 else 0
 

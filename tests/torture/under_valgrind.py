@@ -17,9 +17,9 @@ _VALGRIND = ("valgrind", "--quiet", f"--error-exitcode={_COMPLAINT}", "--leak-ch
              "--errors-for-leak-kinds=definite,possible", "--num-callers=40")
 
 
-def is_clean(name, server):
+def is_clean(name, servers):
     """Runs one case; says what valgrind, or the outcome, has against it."""
-    case = make_case(name, BASE / "case", server)
+    case = make_case(name, BASE / "case", servers)
     case.prepare()
     run = start(case, *_VALGRIND, BUILD / "release" / "tallowick")
     wrong = [text for _, text in recovery_findings(case, run)]
@@ -33,8 +33,8 @@ def main():
     reason = accounts.why_not_in_sandbox()
     if reason:
         sys.exit(f"only inside the sandbox: {reason}")
-    with source_host() as server:
-        clean = sum(is_clean(name, server) for name in CASES)
+    with source_host() as servers:
+        clean = sum(is_clean(name, servers) for name in CASES)
     print(f"{clean} of {len(CASES)} cases clean")
     return 0 if clean == len(CASES) else 1
 
