@@ -2,9 +2,11 @@
 """Passwords that can be recognised wherever they turn up: every action, with each kind of sudo, leaves them nowhere,
 whatever letters they are made of; and nothing of a run that dies stays behind."""
 
+import contextlib
 import dataclasses
 import itertools
 import os
+import pathlib
 import re
 import resource
 import signal
@@ -66,12 +68,14 @@ KINDS = ("none", "asked", "not asked", "wrong")
 
 
 class Source:
-    """A source host that takes every password and notes what it sees of the program when it runs a command."""
+    """A source host that takes every password and notes what it sees of the program, and what stands in all files
+    below `places`, when it runs a command and when that has ended."""
 
-    def __init__(self, start_scripted, directory, kind):
+    def __init__(self, start_scripted, directory, kind, places):
         tools = make_dir(directory / "bin")
         write(tools / "sudo", SUDO.format(kind=f"'{kind}'"), 0o755)
         self.seen = {}
+        self._places = places
         self._environment = {"PATH": f"{tools}:/usr/bin:/bin"}
         self._pid = None
         self._server = start_scripted(run=self._run)
@@ -83,21 +87,46 @@ class Source:
 
     def _run(self, command):
         wait_until(lambda: self._pid, "the program's number")
-        for pid in (self._pid, *descendants(self._pid)):
-            for name in ("environ", "cmdline", "comm", "status"):
-                self.seen[f"/proc/{pid}/{name} at command {len(self._server.commands())}"] = proc_bytes(pid, name)
-        self.seen[f"command {len(self._server.commands())}"] = command.command
+        number = len(self._server.commands())
+        self.seen[f"command {number}"] = command.command
+        self._look(f"when command {number} came")
         done = subprocess.run(["/bin/sh", "-c", command.command], input=command.read_input(), env=self._environment,
                               cwd="/", capture_output=True, check=False)
         command.out(done.stdout)
         command.err(done.stderr)
+        # The program waits for the status and cannot go on.
+        self._look(f"when command {number} had ended")
         command.exit(done.returncode)
+
+    def _look(self, when):
+        for pid in (self._pid, *descendants(self._pid)):
+            for name in ("environ", "cmdline", "comm", "status"):
+                self.seen[f"/proc/{pid}/{name} {when}"] = proc_bytes(pid, name)
+        for name, content in files_below(*self._places).items():
+            self.seen[f"{name} {when}"] = content
+
+
+# What the agent of the tests notes of its own input. A dumper that is to transfer the content itself gets the password
+# of the login there; one that runs under a sudo that does not ask gets that for sudo.
+GIVEN_ON_PURPOSE = re.compile(r"/\.agent/calls/\d+/stdin(\.part)?$")
 
 
 def files_below(*directories):
-    """The content of every file."""
-    return {os.path.join(top, name): open(os.path.join(top, name), "rb").read()
-            for directory in directories for top, _, names in os.walk(directory) for name in names}
+    """The content of every file that is there at the moment."""
+    found = {}
+    for top, _, names in itertools.chain.from_iterable(map(os.walk, directories)):
+        for name in names:
+            path = os.path.join(top, name)
+            with contextlib.suppress(FileNotFoundError):  # renamed or removed just now
+                if not GIVEN_ON_PURPOSE.search(path):
+                    found[path] = pathlib.Path(path).read_bytes()
+    return found
+
+
+def with_temporary_files_in(directory):
+    """A command in front of the program, for which alone `directory` is /tmp and /var/tmp."""
+    return ["unshare", "--mount", "--propagation", "unchanged", "sh", "-e", "-c",
+            f'mount --bind {directory} /tmp; mount --bind {directory} /var/tmp; exec "$@"', "sh"]
 
 
 def cases():
@@ -114,22 +143,25 @@ def cases():
 @pytest.mark.parametrize("action, kind, passwords", cases())
 def test_passwords_turn_up_nowhere(tallowick_release, product, workspace, start_scripted, action, kind, passwords):
     actions = EveryAction(tallowick_release, product, workspace / "agent")
-    host = Source(start_scripted, workspace, kind)
+    session = tallowick_release.new_session()
+    temporary = make_dir(workspace / "tmp", 0o1777)
+    places = (session.path, actions.agent.directory, temporary, DEFAULT_ROOT)
+    host = Source(start_scripted, workspace, kind, places)
     options = ["--verbose", *(["--sudo-password"] if kind != "none" else []),
                *(["--content-transport=rsync"] if action.startswith("--dump") else [])]
-    running = actions.start(action, host.port, *options, password=os.fsdecode(passwords.login),
-                            sudo_password=os.fsdecode(passwords.sudo))
+    running = actions.start(action, host.port, *options, session=session, password=os.fsdecode(passwords.login),
+                            sudo_password=os.fsdecode(passwords.sudo), prefix=with_temporary_files_in(temporary))
     host.watch(running.pid)
     run = running.wait()
     if kind == "wrong" and action not in ("--remove-agent", "--remove-dumping-status"):
         assert (run.status, run.session.succeeded(result_name(action))) == (2, "error")
     seen = {"standard output": run.stdout, "standard error": run.stderr, **host.seen,
-            **files_below(run.session.path, DEFAULT_ROOT)}
+            **files_below(*places)}
     for where, content in seen.items():
         for trace in passwords.traces():
             assert trace not in content, f"{trace[:40]} stands in {where}"
     if action != "--remove-dumping-status":
-        assert host.seen
+        assert f"{session.path}/migration.log when command 1 came" in seen
         environments = [content for where, content in seen.items() if "/environ" in where]
         assert environments and not [each for each in environments if re.search(rb"OVN_\w*PASSWORD=[^\0]", each)]
 
