@@ -28,7 +28,9 @@ namespace {
 
 constexpr const char* kSourceName = "./incoming_file";
 
-constexpr mode_t kPublicUmask = 022;
+constexpr mode_t kPrivateUmask = 077;
+constexpr mode_t kPrivate = 0600;
+constexpr mode_t kReadableForAll = 0644;
 constexpr std::string_view kTemporaryPrefix = ".incoming-";
 constexpr std::size_t kUuidLength = 36;
 
@@ -52,16 +54,53 @@ int lock(int fd, int operation) {
     return result;
 }
 
-// A file that is being received is locked. Before it is, another run may have taken it for an abandoned one.
-int createLocked(int directory, const std::string& name) {
-    for (;;) {
-        const int fd = openRegularFile(directory, name, O_WRONLY | O_CREAT | O_EXCL);
-        struct stat status {};
-        if (fd < 0 || lock(fd, LOCK_EX) != 0 || fstat(fd, &status) != 0 || status.st_nlink > 0) {
-            return fd;
-        }
-        ::close(fd);
+// A file that is being received is locked. Before it is, another run may take it for an abandoned one.
+bool isTakenByAnother(int fd) {
+    if (lock(fd, LOCK_EX | LOCK_NB) != 0) {
+        return errno == EWOULDBLOCK;  // a file system without locks is no reason to fail
     }
+    struct stat status {};
+    return fstat(fd, &status) == 0 && status.st_nlink == 0;
+}
+
+// A file system without modes has given it another one, and may refuse to change that.
+bool makeReadableForAll(int fd) {
+    struct stat status {};
+    return fstat(fd, &status) == 0 &&
+           ((status.st_mode & ALLPERMS) != kPrivate || fchmod(fd, kReadableForAll) == 0);
+}
+
+/// A descriptor, or -1 with errno set: EWOULDBLOCK when another run has taken the file.
+int createLocked(int directory, const std::string& name) {
+    const int fd = openRegularFile(directory, name, O_WRONLY | O_CREAT | O_EXCL);
+    if (fd < 0) {
+        return -1;
+    }
+    int error = EWOULDBLOCK;
+    if (!isTakenByAnother(fd)) {
+        error = makeReadableForAll(fd) ? 0 : errno;
+    }
+    if (error == 0) {
+        return fd;
+    }
+    std::ignore = unlinkat(directory, name.c_str(), 0);
+    ::close(fd);
+    errno = error;
+    return -1;
+}
+
+/// The same under a new name, which `name` gets. Until it is locked nobody else can open the file: whoever
+/// reads a file may lock it, and keep it so for ever.
+int createUnderNewName(int directory, std::string& name) {
+    constexpr int kMostAttempts = 100;
+    const UmaskScope umask(kPrivateUmask);
+    int fd = -1;
+    int attempts = 0;
+    do {
+        name = newTemporaryName();
+        fd = createLocked(directory, name);
+    } while (fd < 0 && errno == EWOULDBLOCK && ++attempts < kMostAttempts);
+    return fd;
 }
 
 void removeIfAbandoned(const Descriptor& directory, const std::string& name) {
@@ -115,14 +154,9 @@ std::streamsize IncomingFile::Buffer::xsputn(const char* data, std::streamsize s
 }
 
 IncomingFile::IncomingFile(const Descriptor& directory, std::string finalName)
-    : directory_(directory),
-      finalName_(std::move(finalName)),
-      temporaryName_(newTemporaryName()),
-      lock_(-1),
-      stream_(nullptr) {
+    : directory_(directory), finalName_(std::move(finalName)), lock_(-1), stream_(nullptr) {
     requireRegularFileOrNothing(directory_, finalName_);
-    const UmaskScope umask(kPublicUmask);
-    const int fd = createLocked(directory_.fd(), temporaryName_);
+    const int fd = createUnderNewName(directory_.fd(), temporaryName_);
     buffer_ = std::make_unique<Buffer>(fd, temporaryName_);
     lock_ = Descriptor(fcntl(buffer_->fd(), F_DUPFD_CLOEXEC, 0));
     stream_.rdbuf(buffer_.get());

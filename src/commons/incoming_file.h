@@ -18,8 +18,8 @@ namespace korva {
 class IncomingFile {
   public:
     /// `directory` is held open by the caller as long as the file is. Throws SystemError when what has the
-    /// final name is no regular file, which is left alone. When the new file cannot be created, the stream
-    /// fails from the start.
+    /// final name is no regular file, which is left alone. The new file has mode 0644, whatever the process
+    /// umask. When it cannot be created, the stream fails from the start.
     IncomingFile(const Descriptor& directory, std::string finalName);
     IncomingFile(const IncomingFile&) = delete;
     IncomingFile& operator=(const IncomingFile&) = delete;

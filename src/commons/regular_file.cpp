@@ -48,13 +48,22 @@ int openRegularFile(int directory, const std::string& name, int flags) {
     // Without O_NONBLOCK the opening of a FIFO waits for its other end; for a regular file it means nothing.
     const int fd = openat(directory, name.c_str(), flags | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC,
                           kReadableForAll);
-    struct stat status {};
-    if (fd >= 0 && (fstat(fd, &status) != 0 || !S_ISREG(status.st_mode))) {
-        ::close(fd);
-        errno = S_ISDIR(status.st_mode) ? EISDIR : EOPNOTSUPP;
+    if (fd < 0) {
         return -1;
     }
-    return fd;
+    struct stat status {};
+    int error = 0;
+    if (fstat(fd, &status) != 0) {
+        error = errno;
+    } else if (!S_ISREG(status.st_mode)) {
+        error = S_ISDIR(status.st_mode) ? EISDIR : EOPNOTSUPP;
+    }
+    if (error == 0) {
+        return fd;
+    }
+    ::close(fd);
+    errno = error;
+    return -1;
 }
 
 std::optional<FileSum> sumRegularFile(int directory, const std::string& name) {

@@ -8,6 +8,7 @@
 #include "support/fake_flock.h"
 #include "support/file_size_limit.h"
 #include "support/files.h"
+#include "support/syscall_filter.h"
 #include "support/temp_dir.h"
 
 #include <gmock/gmock.h>
@@ -21,6 +22,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <filesystem>
 #include <optional>
 #include <string>
@@ -32,6 +34,7 @@ namespace {
 namespace fs = std::filesystem;
 
 using test::beforeFlock;
+using test::failSyscall;
 using test::FileSizeLimit;
 using test::readFile;
 using test::statusOfChild;
@@ -137,6 +140,28 @@ TEST_F(Incoming, IsReadableForAllWhateverTheProcessMaskIsWhichIsRestored) {
     struct stat status {};
     ASSERT_EQ(0, ::stat((dir / "file").c_str(), &status));
     EXPECT_EQ(0644U, status.st_mode & 07777U);
+}
+
+TEST_F(Incoming, IsReadableForNobodyElseUntilItIsLocked) {
+    std::vector<unsigned> modes;
+    beforeFlock = [&] {
+        struct stat status {};
+        ASSERT_EQ(0, ::stat((dir / names().at(0)).c_str(), &status));
+        modes.push_back(status.st_mode & 07777U);
+    };
+    const IncomingFile file(directory, "file");
+    beforeFlock = nullptr;
+    EXPECT_THAT(modes, ElementsAre(0600U));
+}
+
+TEST_F(Incoming, CannotBeCreatedWhereItCannotBeMadeReadable) {
+    EXPECT_EQ(0, statusOfChild([this] {
+                  failSyscall(__NR_fchmod, EIO);
+                  IncomingFile file(directory, "file");
+                  EXPECT_FALSE(file.stream());
+                  EXPECT_EQ("Input/output error", file.failure());
+                  EXPECT_THAT(names(), IsEmpty());
+              }));
 }
 
 TEST_F(Incoming, CountsAndSumsWhatArrives) {
@@ -301,6 +326,45 @@ TEST_F(Incoming, IsCreatedAnewWhenAnotherRunSweptItAwayBeforeItWasLocked) {
     file.close();
     file.install();
     EXPECT_EQ("new", readFile(dir / "file"));
+}
+
+/// Holds the lock of each new file before its own run can.
+class LockHeldByOthers : public Incoming {
+  protected:
+    /// The first `count` files only.
+    void lockFirst(std::size_t count) {
+        beforeFlock = [this, count] {
+            if (locking_ || held_.size() == count) {
+                return;
+            }
+            locking_ = true;
+            held_.emplace_back(::open((dir / names().at(0)).c_str(), O_RDONLY | O_CLOEXEC));
+            ASSERT_EQ(0, ::flock(held_.back().fd(), LOCK_EX));
+            locking_ = false;
+        };
+    }
+    ~LockHeldByOthers() override { beforeFlock = nullptr; }
+
+  private:
+    std::vector<Descriptor> held_;
+    bool locking_ = false;
+};
+
+TEST_F(LockHeldByOthers, IsNotWaitedForSinceAnotherNewFileCanBeHad) {
+    lockFirst(3);
+    IncomingFile file(directory, "file");
+    file.stream() << "new";
+    file.close();
+    file.install();
+    EXPECT_EQ("new", readFile(dir / "file"));
+    EXPECT_THAT(names(), ElementsAre("file"));
+}
+
+TEST_F(LockHeldByOthers, OnEveryFileIsAFailureNotARunWithoutEnd) {
+    lockFirst(1000);
+    const IncomingFile file(directory, "file");
+    EXPECT_EQ("Resource temporarily unavailable", file.failure());
+    EXPECT_THAT(names(), IsEmpty());
 }
 
 }  // namespace

@@ -5,7 +5,9 @@
 #include "commons/descriptor.h"
 #include "commons/system_error.h"
 #include "commons/umask_scope.h"
+#include "support/child_process.h"
 #include "support/files.h"
+#include "support/syscall_filter.h"
 #include "support/temp_dir.h"
 
 #include <gtest/gtest.h>
@@ -104,6 +106,16 @@ TEST_F(RegularFile, TellsWhyItCannotBeOpened) {
     EXPECT_EQ(ENAMETOOLONG, errorOf(std::string(256, 'x'), O_WRONLY | O_CREAT));
     writeFile(dir / "file", "");
     EXPECT_EQ(EEXIST, errorOf("file", O_WRONLY | O_CREAT | O_EXCL));
+}
+
+TEST_F(RegularFile, TellsWhyItCannotBeLookedAt) {
+    writeFile(dir / "file", "");
+    EXPECT_EQ(0, test::statusOfChild([this] {
+                  test::failSyscall(__NR_newfstatat, EIO);
+                  test::failSyscall(__NR_fstat, EIO);
+                  EXPECT_EQ(-1, openRegularFile(directory.fd(), "file", O_RDONLY));
+                  EXPECT_EQ(EIO, errno);
+              }));
 }
 
 TEST_F(RegularFile, IsSummedWhole) {
