@@ -36,7 +36,8 @@ class Action : public Alarm {
     /// error. Then closes the connection.
     ~Action() override;
 
-    /// Refreshes the local copy of the dumping status. After a failure no further refresh happens.
+    /// Refreshes the local copy of the dumping status, unless another run of the session is doing that just
+    /// now. After a failure no further refresh happens.
     void doAlarm() override;
     /// `cfg` stays the caller's.
     virtual void setConfig(const config* cfg) { config_ = cfg; }
@@ -75,14 +76,15 @@ class Action : public Alarm {
 
     /// Throws SudoNotFound or SudoNotAllowed. The source host is asked once per action.
     void checkSudoPresence();
+    /// Its two questions. Throw SshCommandNotFound and SshUnknown, which it turns into those.
+    void requireSudoCommand();
+    void requireSudoRights();
 
     /// The dumping status in the agent directory.
     std::string dumpingStatusPath() const;
 
   private:
     std::string inAgentDirectory(const std::string& command) const;
-    void requireSudoCommand();
-    void requireSudoRights();
     void saveIdle();
 
     std::unique_ptr<Ssh> ssh_;

@@ -117,6 +117,15 @@ def test_connection_failure_keeps_its_cause_but_not_its_status(tallowick):
     assert "\nInner exception:\nConnectionRefused[" in run.session.log
 
 
+def test_command_that_is_refused_is_an_error_that_names_its_status(tallowick, start_scripted):
+    run = tallowick.run(*options(start_scripted(accepts_exec=lambda command: False), "/agent"))
+    assert (run.status, run.stdout) == (2, b"")
+    error = run.session.error()
+    assert (error.code, error.inner.code, error.inner.description) == (
+        "DumpStatusError", "SshUnknown",
+        "Command 'cat /agent/dumping-status.xml' has failed on the remote host with return code 255")
+
+
 @pytest.mark.parametrize("size", [10, 100, 3_000_000])
 def test_standard_output_that_is_full_is_no_success(tallowick, server, agent, size):
     write(agent / "dumping-status.xml", b"x" * size)

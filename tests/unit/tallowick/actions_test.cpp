@@ -5,6 +5,7 @@
 #include "commons/socket.h"
 #include "commons/termination.h"
 #include "support/captured_stream.h"
+#include "support/thrown_errors.h"
 #include "unit/tallowick/action_fixture.h"
 
 #include <gmock/gmock.h>
@@ -21,7 +22,9 @@ namespace {
 
 using test::ActionFixture;
 using test::CapturedStream;
+using test::errorsOf;
 using test::FakeSsh;
+using test::isError;
 using testing::ElementsAre;
 using testing::IsEmpty;
 
@@ -35,6 +38,8 @@ class OpenAction : public Action {
     using Action::execRoot;
     using Action::execUser;
     using Action::getSsh;
+    using Action::requireSudoCommand;
+    using Action::requireSudoRights;
     using Action::takeFile;
 };
 
@@ -255,6 +260,18 @@ TEST_F(SudoCheck, FailsWithAWrongPasswordOrALoginThatMayNotUseSudo) {
         EXPECT_EQ("sudo is not allowed for user user on host source.example.",
                   messageOfSudoCheck<&SudoNotAllowed>());
     }
+}
+
+TEST_F(SudoCheck, TellsACommandThatIsMissingFromOneThatHasFailed) {
+    ssh.results["sudo -V"] = {127, "", "sh: sudo: not found\n"};
+    EXPECT_THAT(
+        errorsOf([this] { action.requireSudoCommand(); }),
+        ElementsAre(isError("SshCommandNotFound", "Command 'sudo -V' was not found on the remote host")));
+    ssh.results["sudo -k; sudo -S -p ' ' true"] = {1, "", "Sorry, try again.\n"};
+    EXPECT_THAT(errorsOf([this] { action.requireSudoRights(); }),
+                ElementsAre(isError("SshUnknown",
+                                    "Command 'sudo -k; sudo -S -p ' ' true' has failed on the "
+                                    "remote host with return code 1")));
 }
 
 TEST_F(SudoCheck, PassesOtherErrorsOn) {

@@ -5,6 +5,7 @@
 #include "support/file_size_limit.h"
 #include "support/files.h"
 #include "support/product_dir.h"
+#include "support/thrown_errors.h"
 #include "tallowick/actions.h"
 #include "unit/tallowick/action_fixture.h"
 
@@ -23,7 +24,9 @@ namespace {
 
 using test::ActionFixture;
 using test::CapturedStream;
+using test::errorsOf;
 using test::FileSizeLimit;
+using test::isError;
 using test::productDir;
 using test::readFile;
 using test::writeFile;
@@ -196,16 +199,12 @@ TEST_F(GetDumpingStatus, PrintsNothingAndSucceedsWhenTheRemoteFileIsMissing) {
 TEST_F(GetDumpingStatus, FailsWhenTheCommandWasRefusedOrKilled) {
     for (const int result : {255, 137, 127}) {
         ssh.results[kGet] = {result, "", "the reason"};
-        try {
-            action.execute();
-            FAIL() << "no error";
-        } catch (const Exc<&DumpStatusError>& error) {
-            ASSERT_NE(nullptr, error.inner());
-            EXPECT_EQ(
-                "Command 'cat /agent/dumping-status.xml' has failed on the remote host with return code " +
-                    std::to_string(result),
-                error.inner()->what());
-        }
+        EXPECT_THAT(errorsOf([this] { action.execute(); }),
+                    ElementsAre(isError("DumpStatusError", "Error during getting dumping status"),
+                                isError("SshUnknown",
+                                        "Command 'cat /agent/dumping-status.xml' has failed on the "
+                                        "remote host with return code " +
+                                            std::to_string(result))));
     }
 }
 
