@@ -720,11 +720,27 @@ FAILS_WITH_SSH_NULL(const char*, libssh2_session_methods, (LIBSSH2_SESSION * ses
 FAILS_WITH_SSH_NULL(char*, libssh2_userauth_list,
                     (LIBSSH2_SESSION * session, const char* login, unsigned size), (session, login, size),
                     LIBSSH2_ERROR_ALLOC, LIBSSH2_ERROR_SOCKET_DISCONNECT)
-FAILS_WITH_SSH_NULL(LIBSSH2_CHANNEL*, libssh2_channel_open_ex,
-                    (LIBSSH2_SESSION * session, const char* type, unsigned typeSize, unsigned window,
-                     unsigned packet, const char* message, unsigned messageSize),
-                    (session, type, typeSize, window, packet, message, messageSize), LIBSSH2_ERROR_ALLOC,
-                    LIBSSH2_ERROR_CHANNEL_FAILURE, LIBSSH2_ERROR_SOCKET_DISCONNECT, LIBSSH2_ERROR_SOCKET_SEND)
+
+STANDS_FOR(LIBSSH2_CHANNEL*, libssh2_channel_open_ex,
+           (LIBSSH2_SESSION * session, const char* type, unsigned typeSize, unsigned window, unsigned packet,
+            const char* message, unsigned messageSize)) {
+    static constinit Point point{"libssh2_channel_open_ex",
+                                 {LIBSSH2_ERROR_ALLOC, LIBSSH2_ERROR_CHANNEL_FAILURE,
+                                  LIBSSH2_ERROR_SOCKET_DISCONNECT, LIBSSH2_ERROR_SOCKET_SEND}};
+    static bool isHalfOpen = false;  // asked for, and not answered yet
+    forgedSshError = 0;
+    if (const int error = point.failure(); error != 0) {
+        // libssh2 itself would free what it has of the channel. What is left of it here can be freed with the
+        // session only if the connection is lost.
+        forgeSshError(isHalfOpen ? LIBSSH2_ERROR_SOCKET_DISCONNECT : error);
+        return nullptr;
+    }
+    LIBSSH2_CHANNEL* const channel =
+        NEXT(libssh2_channel_open_ex)(session, type, typeSize, window, packet, message, messageSize);
+    isHalfOpen = channel == nullptr && libssh2_session_last_errno(session) == LIBSSH2_ERROR_EAGAIN;
+    return channel;
+}
+
 FAILS_WITH_SSH_ERROR(int, libssh2_session_method_pref,
                      (LIBSSH2_SESSION * session, int kind, const char* methods), (session, kind, methods),
                      LIBSSH2_ERROR_METHOD_NOT_SUPPORTED, LIBSSH2_ERROR_ALLOC)
