@@ -9,6 +9,7 @@ import resource
 import signal
 import stat
 import subprocess
+import threading
 from xml.etree import ElementTree
 
 import pytest
@@ -147,6 +148,11 @@ unsigned alarm(unsigned seconds) {
 DUMP_UNTIL_TOLD = "until (-e q({go})) {{ select undef, undef, undef, 0.05 }}"
 
 
+def await_refreshes(session, least):
+    """Waits until the run has asked for the dumping status so often."""
+    wait_until(lambda: session.log.count("Reading data to the file") >= least, f"{least} refreshes")
+
+
 def test_nothing_in_place_of_the_copied_dumping_status_is_followed_or_waited_for(tallowick_release, actions, server,
                                                                                  outside, workspace):
     actions.agent.on("dump", DUMP_UNTIL_TOLD.format(go=workspace / "go"))
@@ -156,8 +162,9 @@ def test_nothing_in_place_of_the_copied_dumping_status_is_followed_or_waited_for
     hurried = preloaded(compile_preload(HURRY, workspace))
     running = [(actions.start("--dump-all", server, session=session, prefix=hurried), thing)
                for session, thing in copies + unfinished]
-    for each, _ in running:
-        wait_until(lambda session=each.session: "Reading data from the remote file" in session.log, "the first refresh")
+    for each, thing in running:
+        first = "Cannot write to" if thing.path.name.endswith(".tmp") else "Reading data from the remote file"
+        wait_until(lambda session=each.session, text=first: text in session.log, "the first refresh")
     (workspace / "go").touch()
     runs = [(each.wait(), thing) for each, thing in running]
     for run, thing in runs:
@@ -302,6 +309,7 @@ def test_session_that_cannot_be_made_on_a_read_only_disk_is_an_error(actions, ta
 
 
 CLOSED = [tuple(fd for fd in (0, 1, 2) if number >> fd & 1) for number in range(1, 8)]
+EACH_AND_ALL = [(0,), (1,), (2,), (0, 1, 2)]
 
 
 def closing(descriptors):
@@ -323,10 +331,13 @@ def told(run):
             if not record.text.startswith("remote std")]
 
 
-@pytest.mark.parametrize("action", ["--send-scout", "--get-content"])
-def test_no_file_and_no_connection_takes_the_number_of_a_closed_descriptor(actions, server, action):
+@pytest.mark.parametrize("action, closed", [("--send-scout", CLOSED), ("--get-content", CLOSED),
+                                            ("--deploy-agent", EACH_AND_ALL), ("--dump-all", EACH_AND_ALL),
+                                            ("--remove-agent", EACH_AND_ALL)],
+                         ids=lambda value: value if isinstance(value, str) else "")
+def test_no_file_and_no_connection_takes_the_number_of_a_closed_descriptor(actions, server, action, closed):
     expected = told(actions.run(action, server, "--verbose"))
-    for descriptors in CLOSED:
+    for descriptors in closed:
         actions.restore()
         run = actions.run(action, server, "--verbose", **closing(descriptors))
         assert_done(action, run)
@@ -357,10 +368,22 @@ def test_dumping_status_for_a_closed_standard_output_is_an_error_and_goes_nowher
             assert told(run) == expected, descriptors
 
 
-def test_help_for_nobody_does_no_harm(tallowick_release):
+def pipe_without_a_reader():
     reader, writer = os.pipe()
     os.close(reader)
-    with os.fdopen(writer, "wb") as broken, open("/dev/full", "wb") as full:
+    return os.fdopen(writer, "wb")
+
+
+def test_dumping_status_for_a_reader_that_has_gone_is_an_error(actions, server):
+    with pipe_without_a_reader() as broken:
+        run = actions.run("--get-dumping-status", server, stdout=broken)
+    assert (run.status, run.err) == (2, "Error during getting dumping status")
+    assert run.session.error().inner.code == "StreamWrite"
+    assert run.session.status.find("idle") is not None
+
+
+def test_help_for_nobody_does_no_harm(tallowick_release):
+    with pipe_without_a_reader() as broken, open("/dev/full", "wb") as full:
         for options in ({"stdout": broken}, {"stdout": full}, *(closing(descriptors) for descriptors in CLOSED)):
             run = tallowick_release.run("--help", session=False, **options)
             assert (run.status, run.err) == (0, "")
@@ -457,6 +480,29 @@ def test_clock_that_leaps_a_day_ends_no_run_dishonestly(actions, server, workspa
         assert_honest("--get-content", run)
 
 
+def test_clock_that_leaps_changes_nothing_of_a_scout(actions, server, workspace):
+    library = compile_preload(JUMP, workspace)
+    running = [actions.start("--send-scout", server, prefix=preloaded(library, JUMP_AT=at, JUMP_BY=by))
+               for by in (-86400, 100) for at in (1, 4, 16)]
+    for each in running:
+        assert_done("--send-scout", each.wait())
+
+
+def test_clock_that_leaps_changes_nothing_of_a_dump_and_its_refreshing(actions, server, workspace):
+    actions.agent.on("dump", DUMP_UNTIL_TOLD.format(go=workspace / "go"))
+    share_source(actions.agent)
+    library = compile_preload(JUMP + HURRY, workspace)
+    running = [actions.start("--dump-all", server, prefix=preloaded(library, JUMP_AT=at, JUMP_BY=by))
+               for by in (-86400, 100) for at in (1, 4, 16)]
+    for each in running:
+        await_refreshes(each.session, 3)
+    (workspace / "go").touch()
+    for each in running:
+        run = each.wait()
+        assert_done("--dump-all", run)
+        assert run.session.file("dumping-status.xml").read_bytes() == DUMPING_STATUS
+
+
 @pytest.mark.parametrize("action", ["--send-scout", "--deploy-agent", "--dump-all", "--get-content"])
 def test_stops_and_continuations_disturb_nothing(actions, server, action):
     running = actions.start(action, server)
@@ -474,9 +520,67 @@ def test_stops_and_continuations_disturb_nothing(actions, server, action):
 TOGETHER = 50
 
 
-def results_of(session, name):
-    """The result documents of every run in the session; there has to be one for each run, under its number."""
-    names = [name, *(f"{name}.{number}" for number in range(1, TOGETHER))]
+class Reader(threading.Thread):
+    """Reads all documents and records of a session again and again until it is left, as managers do, and fails there
+    when one of them was not whole. `records` are the texts that the records may hold."""
+
+    def __init__(self, session, records=frozenset()):
+        super().__init__()
+        self.dumping_statuses = set()
+        self._session = session
+        self._records = records
+        self._seen = {}
+        self._torn = []
+        self._over = threading.Event()
+
+    def __enter__(self):
+        self.start()
+        return self
+
+    def __exit__(self, kind, *_):
+        self._over.set()
+        self.join()
+        assert kind or self._torn == []
+
+    def run(self):
+        while not self._over.wait(0.002):
+            for name in self._session.names():
+                with contextlib.suppress(FileNotFoundError):  # renamed just now
+                    self._look(name)
+
+    def _look(self, name):
+        check = self._check_of(name)
+        if check is None:
+            return
+        with open(self._session.file(name), "rb") as file:
+            content = file.read()
+        if self._seen.get(name) != content:
+            self._seen[name] = content
+            try:
+                whole = check(content)
+            except ElementTree.ParseError:
+                whole = False
+            if not whole:
+                self._torn.append((name, content[:100]))
+
+    def _check_of(self, name):
+        """What holds for the whole content of a file; None where it is written in place, or on its way."""
+        if name == "migration.status":
+            return lambda content: ElementTree.fromstring(content).tag == "migration-status"
+        if re.fullmatch(r"(migration|transfer)\.result(\.\d+)?", name):
+            return lambda content: ElementTree.fromstring(content).tag == "execution-result"
+        return {"dumping-status.xml": self._note_dumping_status, "dump.xml": lambda content: content == DUMP,
+                "dump-name": lambda content: content.decode() in self._records,
+                "migration-result-name": lambda content: content.decode() in self._records}.get(name)
+
+    def _note_dumping_status(self, content):
+        self.dumping_statuses.add(ElementTree.fromstring(content).text)
+        return True
+
+
+def results_of(session, name, count=TOGETHER):
+    """The result documents of all `count` runs in the session; there has to be one for each run, under its number."""
+    names = [name, *(f"{name}.{number}" for number in range(1, count))]
     assert sorted(each for each in session.names() if each.startswith(name)) == sorted(names)
     return [session.result(each) for each in names]
 
@@ -485,15 +589,21 @@ def assert_no_leftovers(session):
     """Whole documents, and nothing else that a run makes on its way."""
     assert session.status.find("idle") is not None
     assert [name for name in session.names() if re.fullmatch(r"(migration|transfer)\.\w+\w{6}", name)] == []
-    assert [name for name in session.names() if name.startswith(".incoming-")] == []
+    assert [name for name in session.names() if name.startswith(".incoming-") or name.endswith(".tmp")] == []
+
+
+def assert_all_succeeded(runs, session, name="migration.result"):
+    assert {(run.status, run.err) for run in runs} == {(0, "")}
+    assert {result.get("status") for result in results_of(session, name, len(runs))} == {"success"}
 
 
 @pytest.mark.parametrize("action", ["--send-scout", "--get-content"])
 def test_many_failing_runs_in_one_session_keep_every_result(tallowick_release, actions, action):
     session = tallowick_release.new_session()
-    running = [actions.start(action, NOBODY_LISTENS, f"--host=127.0.1.{number}", session=session)
-               for number in range(1, TOGETHER + 1)]
-    assert [each.wait().status for each in running] == [11] * TOGETHER
+    with Reader(session):
+        running = [actions.start(action, NOBODY_LISTENS, f"--host=127.0.1.{number}", session=session)
+                   for number in range(1, TOGETHER + 1)]
+        assert [each.wait().status for each in running] == [11] * TOGETHER
     told_hosts = [result.findtext("message/description").rpartition(" ")[2]
                   for result in results_of(session, result_name(action))]
     assert sorted(told_hosts) == sorted(f"127.0.1.{number}" for number in range(1, TOGETHER + 1))
@@ -503,27 +613,79 @@ def test_many_failing_runs_in_one_session_keep_every_result(tallowick_release, a
 
 def test_many_runs_without_a_connection_in_one_session_keep_every_result(tallowick_release, actions):
     session = tallowick_release.new_session()
-    running = [actions.start("--remove-dumping-status", 1, session=session) for _ in range(TOGETHER)]
-    assert {(run.status, run.err) for run in (each.wait() for each in running)} == {(0, "")}
-    assert {result.get("status") for result in results_of(session, "migration.result")} == {"success"}
+    with Reader(session):
+        running = [actions.start("--remove-dumping-status", 1, session=session) for _ in range(TOGETHER)]
+        runs = [each.wait() for each in running]
+    assert_all_succeeded(runs, session)
     assert_no_leftovers(session)
 
 
-@pytest.mark.parametrize("action", ["--send-scout", "--dump-all", "--get-content"])
-def test_many_runs_in_one_session_keep_every_result_and_every_document_whole(tallowick_release, actions, server,
-                                                                             action):
+@pytest.mark.parametrize("action", ["--send-scout", "--deploy-agent", "--get-content"])
+def test_many_runs_in_one_session_keep_every_result_and_every_document_whole(tallowick_release, actions, product,
+                                                                             server, workspace, action):
     share_source(actions.agent)
     session = tallowick_release.new_session()
-    running = [actions.start(action, server, session=session) for _ in range(TOGETHER)]
-    runs = [each.wait() for each in running]
-    assert {(run.status, run.err) for run in runs} == {(0, "")}
-    assert {result.get("status") for result in results_of(session, result_name(action))} == {"success"}
-    if action == "--send-scout":
-        ElementTree.fromstring(session.scout_result)
-    elif action == "--dump-all":
-        assert_done(action, runs[-1])
+    records = {"dump-name": f"{session.path}/dump.xml", "migration-result-name": f"{session.path}/migration.result"}
+    # Each deploys into a directory of its own.
+    sources = [EveryAction(tallowick_release, product, workspace / f"agent-{number}") for number in range(TOGETHER)] \
+        if action == "--deploy-agent" else [actions] * TOGETHER
+    with Reader(session, set(records.values())):
+        running = [each.start(action, server, session=session) for each in sources]
+        runs = [each.wait() for each in running]
+    assert_all_succeeded(runs, session, result_name(action))
+    if action == "--get-content":
+        assert {name: session.file(name).read_text() for name in records} == records
     else:
-        for name in ("dump-name", "migration-result-name"):
-            assert session.file(name).read_text().startswith(f"{session.path}/")
+        assert_done(action, runs[-1])
     assert session.log.count("Tallowick finished. Exit code: 0") == TOGETHER
+    assert_no_leftovers(session)
+
+
+def test_many_dumps_in_one_session_keep_every_document_and_the_refreshed_status_whole(tallowick_release, actions,
+                                                                                      server, workspace):
+    actions.agent.on("dump", DUMP_UNTIL_TOLD.format(go=workspace / "go"))
+    share_source(actions.agent)
+    session = tallowick_release.new_session()
+    hurried = preloaded(compile_preload(HURRY, workspace))
+    with Reader(session, {f"{session.path}/dump.xml"}) as reader:
+        running = [actions.start("--dump-all", server, session=session, prefix=hurried) for _ in range(TOGETHER)]
+        # Long and short ones in turn: where they were written into one another, both would show.
+        for step in range(8):
+            new = write(workspace / "new", f"<dumping-status>{step}<!--{'x' * (step % 2 * 200_000)}--></dumping-status>")
+            os.replace(new, actions.agent.directory / "dumping-status.xml")
+            wait_until(lambda step=step: str(step) in reader.dumping_statuses, f"status {step}")
+        (workspace / "go").touch()
+        runs = [each.wait() for each in running]
+    assert_all_succeeded(runs, session)
+    assert_done("--dump-all", runs[-1])
+    assert ElementTree.parse(session.file("dumping-status.xml")).getroot().text == "7"
+    assert_no_leftovers(session)
+
+
+def test_different_actions_in_one_session_keep_every_document_whole(tallowick_release, actions, product, server,
+                                                                    workspace):
+    each_action = 6
+    dumps = make_dir(workspace / "dumps")
+    session = tallowick_release.new_session()
+    # What one action changes on the source host, no other reads.
+    changed = [EveryAction(tallowick_release, product, workspace / f"changed-{number}")
+               for number in range(2 * each_action)]
+    share_source(actions.agent)
+    options = {"--get-content": [f"--dumps-dir={dumps}"]}
+    records = {f"{place}/{name}" for place in (session.path, dumps) for name in ("dump.xml", "migration.result")}
+    running = []
+    with Reader(session, records):
+        for _ in range(each_action):
+            for action in EVERY_ACTION:
+                own = changed.pop() if action in ("--deploy-agent", "--remove-agent") else actions
+                running.append((action, own.start(action, server, *options.get(action, []), session=session)))
+        runs = [(action, each.wait()) for action, each in running]
+    contents = [run for action, run in runs if action == "--get-content"]
+    others = [run for action, run in runs if action != "--get-content"]
+    assert_all_succeeded(contents, session, "transfer.result")
+    assert_all_succeeded(others, session)
+    for action, run in runs:
+        if action != "--get-content":
+            assert_done(action, run)
+    assert session.log.count("Tallowick finished. Exit code: 0") == len(runs)
     assert_no_leftovers(session)

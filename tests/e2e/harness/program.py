@@ -1,6 +1,7 @@
 # SPDX-License-Identifier: Apache-2.0
 """Running the program under test."""
 
+import contextlib
 import os
 import subprocess
 import threading
@@ -103,7 +104,8 @@ class Running:
         for name in self.session.names():
             file = self.session.file(name)
             if name.startswith(("migration.log", *_DOCUMENTS)) and file.is_file():
-                written[name] = file.read_bytes()
+                with contextlib.suppress(FileNotFoundError):  # another run of the session renames it just now
+                    written[name] = file.read_bytes()
         for secret in self._secrets:
             for where, content in written.items():
                 assert os.fsencode(secret) not in content, f"a password stands in {where}"
