@@ -41,13 +41,16 @@ void dvx_libssh2_channel_free(LIBSSH2_CHANNEL* channel) {
     libssh2_channel_free(channel);
 }
 
-Channel::Channel(LIBSSH2_CHANNEL* channel, Session& session) : Handle(channel), session_(session) {}
+Channel::Channel(LIBSSH2_CHANNEL* channel, Session& session) : Handle(channel), session_(session) {
+    session_.channelOpened();
+}
 
 Channel::~Channel() {
     debugOrNothing(&category, "Closed");
     setMode(kNonBlocking);  // blocking, it would wait until the remote command ends
     const bool freed = freeAtOnce();
     LIBSSH2_CHANNEL* const channel = release();
+    session_.channelGone();
     if (!freed) {
         session_.abandon(channel);
     }

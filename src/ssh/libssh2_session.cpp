@@ -67,19 +67,13 @@ std::vector<LIBSSH2_SESSION*>& leftToProcessEnd() {
     return left;
 }
 
-/// So that a destructor finds room.
-template <typename T>
-void makeRoomForOneMore(std::vector<T>& values) {
-    values.reserve(values.size() + 1);
-}
-
 }  // namespace
 
 Session::Session(int socket, bool noEncryption, bool compatibility)
     : Handle(libssh2_session_init_ex(nullptr, nullptr, nullptr, nullptr)),
       socket_(socket),
       compatibility_(compatibility) {
-    makeRoomForOneMore(leftToProcessEnd());
+    leftToProcessEnd().reserve(leftToProcessEnd().size() + 1);  // the destructor must find room
     debugLine(category()) << "Trying to start SSH session";
     start(noEncryption);
 }
@@ -201,7 +195,7 @@ LIBSSH2_USERAUTH_KBDINT_RESPONSE_FUNC(Session::userauth_callback) {
 }
 
 std::unique_ptr<Channel> Session::openSessionChannel() {
-    makeRoomForOneMore(abandoned_);
+    abandoned_.reserve(abandoned_.size() + openChannels_ + 1);  // destructors must find room
     LIBSSH2_CHANNEL* channel = nullptr;
     // The mode is the session's, and an earlier channel has left it non-blocking.
     const int result = repeatUntilDone(socket_, kWakeUpMs, [&] {

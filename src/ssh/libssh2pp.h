@@ -116,8 +116,13 @@ class Session : public Handle<LIBSSH2_SESSION*, &libssh2_session_free> {
 
     int socket() const { return socket_; }
 
-    /// Keeps a channel that the remote side has not closed yet, for the session to free at its end.
+    /// Keeps a channel that the remote side has not closed yet, for the session to free at its end. There is
+    /// room for each one that is open.
     void abandon(LIBSSH2_CHANNEL* channel) { abandoned_.push_back(channel); }
+
+    // For the channels.
+    void channelOpened() { ++openChannels_; }
+    void channelGone() { --openChannels_; }
 
   private:
     void start(bool noEncryption);
@@ -129,6 +134,7 @@ class Session : public Handle<LIBSSH2_SESSION*, &libssh2_session_free> {
     int socket_;
     bool compatibility_;
     std::vector<LIBSSH2_CHANNEL*> abandoned_;
+    std::size_t openChannels_ = 0;
     std::unique_ptr<Channel> reserveChannel_;
 };
 
