@@ -5,6 +5,7 @@
 
 #include <log4cpp/Category.hh>
 
+#include <algorithm>
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
@@ -88,7 +89,7 @@ int Channel::requestExec(const std::string& command) {
 // In blocking mode libssh2 waits for ever for a window that a command which has already exited never opens.
 int Channel::write(const char* data, unsigned size) {
     int refusals = 0;
-    while (!inputHasNoReader_) {
+    while (!closedByRemote_) {
         const ssize_t written = libssh2_channel_write_ex(get(), 0, data, size);
         if (written != 0 && written != LIBSSH2_ERROR_EAGAIN) {
             return static_cast<int>(written);
@@ -113,7 +114,7 @@ void Channel::relieve(int refusals) {
     }
     if (refusals % 2 != 0) {
         whenFull_();
-        inputHasNoReader_ = (receiveEvents() & LIBSSH2_POLLFD_CHANNEL_CLOSED) != 0;
+        receiveEvents();
         return;  // that may have brought a wider window: the next write is to look before anybody sleeps
     }
     // The write has just taken all from the socket. Output that it has queued is worth another round.
@@ -130,12 +131,13 @@ void Channel::sendEof() {
     }
 }
 
+// libssh2 knows of no end while data is queued of any stream, and a server may invent some that nobody reads.
 bool Channel::eof() {
     const int result = libssh2_channel_eof(get());
     if (result < 0) {
         throw KORVA_EXC(SshConnectionFault);
     }
-    return result != 0;
+    return result != 0 || std::all_of(ended_.begin(), ended_.end(), [](bool ended) { return ended; });
 }
 
 // Never in blocking mode: libssh2 tells of waiting standard error when only standard output waits, and a
@@ -151,6 +153,9 @@ int Channel::read(int stream, char* buffer, std::size_t size) {
     if (got > 0) {
         queuedInVain_ = false;
     }
+    // Where libssh2 could not look into its queue, as it has to send something first, that was
+    // LIBSSH2_ERROR_EAGAIN.
+    ended_.at(static_cast<std::size_t>(stream)) = got == 0 && closedByRemote_;
     return static_cast<int>(got);
 }
 
@@ -161,7 +166,7 @@ bool Channel::hasQueuedData() {
 
 // With a time-out, libssh2_poll() spins for ever on a connection that the server has closed, and sleeps
 // through standard error: the sleeping is done by poll().
-unsigned long Channel::receiveEvents() {
+void Channel::receiveEvents() {
     LIBSSH2_POLLFD descriptor{};
     descriptor.type = LIBSSH2_POLLFD_CHANNEL;
     descriptor.fd.channel = get();
@@ -170,7 +175,7 @@ unsigned long Channel::receiveEvents() {
     if ((descriptor.revents & kSessionAndChannelClosed) == kSessionAndChannelClosed) {
         throw KORVA_EXC(SshConnectionFault);
     }
-    return descriptor.revents;
+    closedByRemote_ = closedByRemote_ || (descriptor.revents & LIBSSH2_POLLFD_CHANNEL_CLOSED) != 0;
 }
 
 void Channel::poll(int timeout) {
@@ -184,8 +189,9 @@ void Channel::poll(int timeout) {
     if (worthReading()) {
         return;
     }
+    const bool wasClosed = closedByRemote_;
     receiveEvents();
-    if (eof() || (!readInVain && worthReading())) {
+    if (eof() || closedByRemote_ != wasClosed || (!readInVain && worthReading())) {
         return;
     }
     waitForSocket(session_.socket(), timeout);

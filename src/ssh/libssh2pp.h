@@ -6,6 +6,8 @@
 
 #include <libssh2.h>
 
+#include <array>
+#include <cstddef>
 #include <functional>
 #include <memory>
 #include <string>
@@ -53,7 +55,8 @@ class Channel : public Handle<LIBSSH2_CHANNEL*, &dvx_libssh2_channel_free> {
     /// Tells the remote side that the input has ended. Throws UnableToSendEof.
     void sendEof();
 
-    /// Whether the remote side has sent its last byte and all was read. Throws SshConnectionFault.
+    /// Whether the remote side has sent its last byte and all was read that somebody reads: what it sends on
+    /// a stream of its own invention counts for nothing. Throws SshConnectionFault.
     bool eof();
 
     /// Reads from standard output (stream 0) or standard error (stream 1) what is there, at most `size`
@@ -77,12 +80,13 @@ class Channel : public Handle<LIBSSH2_CHANNEL*, &dvx_libssh2_channel_free> {
   private:
     bool freeAtOnce();
     void relieve(int refusals);
-    unsigned long receiveEvents();
+    void receiveEvents();
     bool hasQueuedData();
 
     Session& session_;
     std::function<void()> whenFull_ = [] {};
-    bool inputHasNoReader_ = false;
+    bool closedByRemote_ = false;     // everything that came before is in libssh2's queue then
+    std::array<bool, 2> ended_ = {};  // whether that holds nothing more of a stream
     bool queuedInVain_ = false;
 };
 

@@ -291,6 +291,27 @@ def test_data_that_waits_in_the_library_is_taken_at_once(probe, start_scripted, 
     assert result.seconds < 4.5
 
 
+@pytest.mark.parametrize("stream", [0, 2, 2**31])
+def test_data_on_a_third_stream_neither_keeps_a_command_from_its_end_nor_costs_any_of_the_others(
+        probe, start_scripted, files, stream):
+    def run(command):
+        for _ in range(20):
+            command.out(b"o" * 5000)
+            command.other(stream, b"?" * 50)
+            command.err(b"e" * 5000)
+        command.other(stream, b"")
+        command.eof()
+        command.other(stream, b"?")
+        command.exit(5)
+
+    result = probe.run(start_scripted(run=run), execute("whatever", out=files("out"), err=files("err")),
+                       execute("again"))
+    assert result.statuses == [5, 5]
+    assert files("out").read_bytes() == b"o" * 100_000
+    assert files("err").read_bytes() == b"e" * 100_000
+    assert result.seconds < NO_STALL_S
+
+
 def test_stalled_line_is_waited_for_without_spinning(probe, server, start_relay):
     # A peer that says nothing may just be busy: the program waits, and waiting costs no processor time.
     relay = start_relay(server, Fault(STALL, 100000))

@@ -17,6 +17,7 @@ struct FakeRead {
     std::string data;
     int error = 0;
 
+    static FakeRead end() { return {}; }
     static FakeRead nothingYet() { return {"", LIBSSH2_ERROR_EAGAIN}; }
     static FakeRead failure(int error) { return {"", error}; }
 };

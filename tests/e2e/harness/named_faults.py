@@ -172,6 +172,15 @@ def _adds(**noise):
     return change
 
 
+def _adds_third_stream(behaviour):
+    def send(run, answer):
+        send_output(run, answer)
+        run.other(2, b"what nobody reads\n")
+        run.exit(answer.status)
+
+    behaviour.deliver = send
+
+
 def _ends_own(end):
     """Our own scripts say all that they have to say, and then `end` is called with their run."""
     def send(run, answer):
@@ -280,6 +289,8 @@ _ALL = [
         out=b"Last login: today\nYou have new mail.\n")),
     NamedFault("error-noise", "puts a line before the standard error of every command", change=_adds(
         err=b"bash: warning: setlocale: LC_ALL: cannot change locale\n")),
+    NamedFault("third-stream", "ends every command with data on a stream beside output and standard error",
+               change=_adds_third_stream),
     NamedFault("stderr-escapes", "scout and agent fail with escape sequences for a terminal",
                change=_fails_with(b"\x1b[31moh \x1b]0;title\x07\x1b[2Jdear\r\n\x08\x7f")),
     NamedFault("stderr-nul", "scout and agent fail with zero bytes", change=_fails_with(b"oh\0dear\0\n")),

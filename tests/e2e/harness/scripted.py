@@ -6,8 +6,8 @@ import threading
 from dataclasses import dataclass, field
 
 import paramiko
-from paramiko.common import (MSG_CHANNEL_FAILURE, MSG_CHANNEL_SUCCESS, cMSG_CHANNEL_REQUEST,
-                             cMSG_DISCONNECT)
+from paramiko.common import (MSG_CHANNEL_FAILURE, MSG_CHANNEL_SUCCESS, cMSG_CHANNEL_EXTENDED_DATA,
+                             cMSG_CHANNEL_REQUEST, cMSG_DISCONNECT)
 
 from harness import tcp
 
@@ -62,6 +62,18 @@ class Run:
 
     def err(self, data):
         self.channel.sendall_stderr(data)
+
+    def other(self, stream, data):
+        """Sends data on a stream beside the two; SSH itself knows no other one than 1, standard error. Nobody reads
+        it, so it takes away of the window for good."""
+        with self.channel.lock:
+            size = len(data) if self.channel.eof_sent else self.channel._wait_for_send_window(len(data))
+        message = paramiko.Message()
+        message.add_byte(cMSG_CHANNEL_EXTENDED_DATA)
+        message.add_int(self.channel.remote_chanid)
+        message.add_int(stream)
+        message.add_string(data[:size])
+        self.transport._send_user_message(message)
 
     def exit(self, status):
         """Exit status, EOF and close: how a command ends in good order."""

@@ -141,6 +141,51 @@ TEST_F(ChannelRead, TakesEveryOtherNegativeResultForALostConnection) {
     }
 }
 
+/// A channel of which libssh2 holds data that is on neither stream, so that it never tells of the end.
+class ChannelWithAThirdStream : public ChannelTest {
+  protected:
+    ChannelWithAThirdStream() {
+        script().neverEof = true;
+        script().queued.assign(1000, 1);
+        script().reads[0].assign(1000, FakeRead::end());
+        script().reads[1].assign(1000, FakeRead::end());
+    }
+    /// What a command's output is until its end, or until `mostTurns` were in vain.
+    std::string readToTheEnd(int mostTurns = 20) {
+        std::string text;
+        for (int turn = 0; turn < mostTurns && !channel().eof(); ++turn) {
+            text += readOnce(0) + readOnce(1);
+            channel().poll(5000);
+        }
+        return text;
+    }
+};
+
+TEST_F(ChannelWithAThirdStream, IsAtItsEndOnceItIsClosedAndBothOthersAreRead) {
+    script().reads[0].push_front({"last"});
+    script().reads[1].insert(script().reads[1].begin() + 1, {"words"});
+    script().pollEvents.assign(1000, LIBSSH2_POLLFD_CHANNEL_CLOSED);
+    EXPECT_EQ("lastwords", readToTheEnd());
+    EXPECT_TRUE(channel().eof());
+    EXPECT_THAT(waits.waits, IsEmpty());
+}
+
+TEST_F(ChannelWithAThirdStream, IsNotAtItsEndBeforeItIsClosed) {
+    readToTheEnd();
+    EXPECT_FALSE(channel().eof());
+    EXPECT_FALSE(waits.waits.empty()) << "it spins";
+}
+
+TEST_F(ChannelWithAThirdStream, LosesNothingThatTheLibraryCouldNotLookForYet) {
+    script().pollEvents.assign(1000, LIBSSH2_POLLFD_CHANNEL_CLOSED);
+    script().reads[0].assign(6, FakeRead::nothingYet());
+    script().reads[0].push_back({"last"});
+    script().reads[0].resize(1000, FakeRead::end());
+    EXPECT_EQ("last", readToTheEnd());
+    EXPECT_TRUE(channel().eof());
+    EXPECT_FALSE(waits.waits.empty()) << "it spins";
+}
+
 using ChannelWrite = ChannelTest;
 
 TEST_F(ChannelWrite, ReturnsWhatTheLibraryTook) {
