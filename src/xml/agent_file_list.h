@@ -31,9 +31,10 @@ class AgentFileList {
 };
 
 /// Reads the text of a content list, as an agent prints it; the text is foreign and not trusted. Throws
-/// AssertionFailed for an empty text, tError_ParseFile for one that is not well-formed or
-/// declares entities or attributes, tError_WrongDoc for another document, tError_WrongContent for more than
-/// 500,000 files, and boost::bad_lexical_cast for a file size that is no number.
+/// AssertionFailed for an empty text, tError_ParseFile for one that is not well-formed,
+/// declares entities or attributes, or has more than 1000 attributes in a tag, tError_WrongDoc for another
+/// document, tError_WrongContent for more than 500,000 files, and boost::bad_lexical_cast for a file size
+/// that is no number.
 std::unique_ptr<AgentFileList> getFileList(const std::string& content);
 
 }  // namespace korva

@@ -33,7 +33,8 @@ class ListReader : public XmlContentSink {
     void startElement(int depth, std::string_view name, const XmlAttributes& attributes) override {
         if (depth == 0) {
             rootName = name;
-            rootAttributes = attributes;
+            totalSize = attributes.find(kTotalSize);
+            unpackedSize = attributes.find(kUnpackedSize);
         } else if (depth == 1 && name == "file") {
             addFile(attributes);
             inFile_ = true;
@@ -49,7 +50,8 @@ class ListReader : public XmlContentSink {
     void endElement(int depth) override { inFile_ = inFile_ && depth != 1; }
 
     std::string rootName;
-    XmlAttributes rootAttributes;
+    std::optional<std::string> totalSize;
+    std::optional<std::string> unpackedSize;
     std::vector<DumpFile> files;
     bool hasWrongNumber = false;  // as the size of a file
 
@@ -86,8 +88,9 @@ XmlAgentFileList::XmlAgentFileList(const std::string& content) {
         throw KORVA_EXC(tError_ParseFile) % "in memory" % messages;
     }
     initNewDoc(reader.rootName);
-    for (const char* name : {kTotalSize, kUnpackedSize}) {
-        if (const std::optional<std::string> value = reader.rootAttributes.find(name)) {
+    for (const auto& [name, value] :
+         {std::pair(kTotalSize, reader.totalSize), std::pair(kUnpackedSize, reader.unpackedSize)}) {
+        if (value) {
             addAttribute(root(), name, *value);
         }
     }

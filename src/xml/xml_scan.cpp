@@ -4,9 +4,6 @@
 #include "xml/libxml_scope.h"
 #include "xml/xml_parser.h"
 
-#include <boost/algorithm/string/replace.hpp>
-
-#include <algorithm>
 #include <cstddef>
 #include <exception>
 
@@ -19,8 +16,14 @@ std::string_view viewOf(const xmlChar* text) {
 
 // Without a tree to build, libxml2 leaves one reference in the values that it has read, that of an ampersand.
 std::string valueOf(const xmlChar* begin, const xmlChar* end) {
-    const std::string_view value(reinterpret_cast<const char*>(begin), static_cast<std::size_t>(end - begin));
-    return boost::algorithm::replace_all_copy(std::string(value), "&#38;", "&");
+    constexpr std::string_view kReference = "&#38;";
+    std::string_view rest(reinterpret_cast<const char*>(begin), static_cast<std::size_t>(end - begin));
+    std::string value;
+    for (std::size_t at = rest.find(kReference); at != std::string_view::npos; at = rest.find(kReference)) {
+        value.append(rest.substr(0, at)).append("&");
+        rest.remove_prefix(at + kReference.size());
+    }
+    return value.append(rest);
 }
 
 /// libxml2's parser with callbacks of ours in the place of those that build the tree.
@@ -38,11 +41,12 @@ class Scan {
     }
 
     bool read(const std::string& text) {
-        xmlFreeDoc(parser_.parse(text));
+        xmlDocPtr doc = parser_.parse(text);
+        xmlFreeDoc(doc);
         if (failure_) {
             std::rethrow_exception(failure_);
         }
-        return parser_.get()->wellFormed != 0;
+        return doc != nullptr;
     }
 
   private:
@@ -64,19 +68,15 @@ class Scan {
     }
 
     static void startElement(void* context, const xmlChar* name, const xmlChar* /*prefix*/,
-                             const xmlChar* /*uri*/, int /*namespaceCount*/, const xmlChar** /*namespaces*/,
+                             const xmlChar* /*uri*/, int namespaceCount, const xmlChar** /*namespaces*/,
                              int attributeCount, int /*defaultedCount*/, const xmlChar** attributes) {
         Scan& scan = of(context);
+        if (attributeCount > XmlParser::kMostAttributes - namespaceCount) {
+            XmlParser::refuse(scan.parser_.get(), "tags with that many attributes are not accepted\n");
+            return;
+        }
         scan.guarded([&] {
-            constexpr std::ptrdiff_t kFields = 5;  // name, prefix, URI, begin and end of the value
-            XmlAttributes own;
-            for (const xmlChar** each = attributes; each != attributes + attributeCount * kFields;
-                 each += kFields) {
-                if (each[1] == nullptr) {
-                    own.add(std::string(viewOf(each[0])), valueOf(each[3], each[4]));
-                }
-            }
-            scan.sink_.startElement(scan.depth_++, viewOf(name), own);
+            scan.sink_.startElement(scan.depth_++, viewOf(name), {attributes, attributeCount});
         });
     }
 
@@ -103,9 +103,14 @@ class Scan {
 }  // namespace
 
 std::optional<std::string> XmlAttributes::find(std::string_view name) const {
-    const auto found = std::find_if(attributes_.begin(), attributes_.end(),
-                                    [name](const auto& attribute) { return attribute.first == name; });
-    return found != attributes_.end() ? std::optional(found->second) : std::nullopt;
+    constexpr std::ptrdiff_t kFields = 5;  // name, prefix, URI, begin and end of the value
+    const xmlChar** const end = attributes_ + count_ * kFields;
+    for (const xmlChar** each = attributes_; each != end; each += kFields) {
+        if (each[1] == nullptr && viewOf(each[0]) == name) {
+            return valueOf(each[3], each[4]);
+        }
+    }
+    return std::nullopt;
 }
 
 bool scanXmlText(const std::string& text, XmlContentSink& sink, std::string& messages) {

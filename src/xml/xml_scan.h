@@ -1,24 +1,26 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include <libxml/xmlstring.h>
+
 #include <optional>
 #include <string>
 #include <string_view>
-#include <utility>
-#include <vector>
 
 namespace korva {
 
-/// The attributes of an element that are in no name space, with their values.
+/// The attributes of an element, as libxml2 holds them while it tells of its start: they are not to be kept.
 class XmlAttributes {
   public:
-    void add(std::string name, std::string value) {
-        attributes_.emplace_back(std::move(name), std::move(value));
-    }
+    /// As xmlSAXHandler::startElementNs gets them.
+    XmlAttributes(const xmlChar** attributes, int count) : attributes_(attributes), count_(count) {}
+
+    /// The value of the attribute of that name which is in no name space.
     std::optional<std::string> find(std::string_view name) const;
 
   private:
-    std::vector<std::pair<std::string, std::string>> attributes_;
+    const xmlChar** attributes_;
+    int count_;
 };
 
 /// Gets what is in a document while it is being read. Names are without prefixes; the root is at depth 0.
@@ -33,8 +35,9 @@ class XmlContentSink {
 };
 
 /// Reads a document as parseXmlText() does, but keeps nothing of it: for texts of which a tree would take
-/// twenty times the memory. False when it is refused or not well-formed; what `sink` got by then counts for
-/// nothing. Passes on what `sink` throws.
+/// twenty times the memory. One with more than XmlParser::kMostAttributes attributes in a tag is refused.
+/// False when it is refused or not well-formed; what `sink` got by then counts for nothing. Passes on what
+/// `sink` throws.
 bool scanXmlText(const std::string& text, XmlContentSink& sink, std::string& messages);
 
 }  // namespace korva

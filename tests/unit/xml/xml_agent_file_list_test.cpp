@@ -1,10 +1,13 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "xml/xml_agent_file_list.h"
 
+#include "support/libxml_allocation_failure.h"
+
 #include <boost/lexical_cast.hpp>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <exception>
 #include <limits>
 
 namespace korva {
@@ -172,6 +175,48 @@ TEST(ContentList, RefusesMoreFilesThanAnybodyHas) {
     } catch (const Exc<&tError_WrongContent>& error) {
         EXPECT_STREQ(error.what(), "The content list names more than 500000 files.");
     }
+}
+
+/// "a0='' a1='' …", or with another start of each name.
+std::string attributes(int count, const std::string& start = "a") {
+    std::string text;
+    for (int i = 0; i < count; ++i) {
+        text += " " + start + std::to_string(i) + "='x'";
+    }
+    return text;
+}
+
+TEST(ContentList, MayHaveAThousandAttributesInATagAndNoMore) {
+    const auto list = getFileList("<contentlist" + attributes(998) + " size='1' unpacked='2'><file" +
+                                  attributes(500, "xmlns:n") + attributes(498) +
+                                  " size='3' md5sum='aa'>f</file></contentlist>");
+    EXPECT_EQ(list->getTotalSize(), 1U);
+    EXPECT_EQ(list->getUnpackedSize(), 2U);
+    EXPECT_THAT(list->getFileList(), ElementsAre(FieldsAre("f", 3, "aa", true)));
+    EXPECT_THROW(getFileList("<contentlist" + attributes(1001) + "/>"), Exc<&tError_ParseFile>);
+    EXPECT_THROW(listOf("<file" + attributes(1001) + "/>"), Exc<&tError_ParseFile>);
+    EXPECT_THROW(listOf("<file" + attributes(501, "xmlns:n") + attributes(500) + "/>"),
+                 Exc<&tError_ParseFile>);
+    EXPECT_THROW(listOf("<other><file" + attributes(1001, "xmlns:n") + "/></other>"), Exc<&tError_ParseFile>);
+}
+
+TEST(ContentList, IsWholeOrRefusedWhateverThereIsNoMemoryFor) {
+    const std::string content =
+        "<contentlist size='1' unpacked='2'><file" + attributes(20, "b") +
+        " size='3' md5sum='a&lt;a'>a&amp;b</file><file size='4' md5sum='bb'>g</file></contentlist>";
+    int number = 0;
+    for (bool happens = true; happens;) {
+        const test::LibxmlAllocationFailure failure(++number);
+        try {
+            const auto list = getFileList(content);
+            EXPECT_THAT(list->getFileList(),
+                        ElementsAre(FieldsAre("a&b", 3, "a<a", true), FieldsAre("g", 4, "bb", true)));
+            EXPECT_EQ(list->getTotalSize(), 1U);
+        } catch (const std::exception&) {
+        }
+        happens = test::LibxmlAllocationFailure::happened();
+    }
+    EXPECT_GT(number, 20);
 }
 
 TEST(ContentList, RefusesABillionLaughs) {

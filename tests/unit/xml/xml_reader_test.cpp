@@ -5,6 +5,7 @@
 #include "support/temp_dir.h"
 #include "xml/xml_wrap.h"
 
+#include <boost/algorithm/string/replace.hpp>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <libxml/globals.h>
@@ -54,6 +55,23 @@ class CountedLoads {
   private:
     xmlExternalEntityLoader loaderBefore_;
 };
+
+/// `piece` with the numbers from 0 on in the place of each "#".
+std::string numbered(const std::string& piece, int count) {
+    std::string text;
+    for (int i = 0; i < count; ++i) {
+        text += boost::algorithm::replace_all_copy(piece, "#", std::to_string(i));
+    }
+    return text;
+}
+
+std::string inUtf16(const std::string& ascii) {
+    std::string text = "\xFF\xFE";
+    for (const char c : ascii) {
+        text += {c, '\0'};
+    }
+    return text;
+}
 
 /// A thousand million references after ten levels.
 std::string billionLaughs(const std::string& kind, const std::string& reference) {
@@ -173,6 +191,28 @@ TEST(XmlReader, EndsADefaultValueForManyElementsAsAParseError) {
 TEST(XmlReader, SaysWhyItRefusesADeclaration) {
     EXPECT_THAT(parseErrors("<!DOCTYPE c [<!ENTITY a 'b'>]><c>&a;</c>"),
                 HasSubstr("declarations of entities and attributes are not accepted"));
+}
+
+TEST(XmlReader, StopsWithinATagOfVeryManyAttributes) {
+    for (const char* attribute : {" a#=''", " xmlns:a#='u'", " x:a#=''"}) {
+        const std::string content = "<c xmlns:x='x'" + numbered(attribute, 100'000) + "/>";
+        EXPECT_THAT(parseErrors(content), HasSubstr("beyond all measure are not accepted")) << attribute;
+        EXPECT_NE(parseErrors(inUtf16(content)), "none") << attribute;
+    }
+    EXPECT_EQ(parseErrors("<c" + numbered(" a#=''", 500) + numbered(" xmlns:a#='u'", 500) + "/>"), "none");
+}
+
+TEST(XmlReader, StopsWithinADeclarationOfManyParts) {
+    const std::string before = "<!DOCTYPE c [<!ELEMENT c (";
+    EXPECT_THAT(parseErrors(before + numbered("b,", 100'000) + "b)>]><c/>"),
+                HasSubstr("beyond all measure are not accepted"));
+    EXPECT_EQ(parseErrors(before + numbered("b,", 10'000) + "b)>]><c/>"), "none");
+}
+
+TEST(XmlReader, StopsAmongVeryManyNames) {
+    EXPECT_THAT(parseErrors("<c>" + numbered("<aaaaaa#/>", 100'000) + "</c>"),
+                HasSubstr("beyond all measure are not accepted"));
+    EXPECT_EQ(parseErrors("<c>" + numbered("<aaaaaa#/>", 10'000) + "</c>"), "none");
 }
 
 TEST(XmlReader, RefusesBombsInFilesAsWell) {
