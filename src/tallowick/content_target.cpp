@@ -17,6 +17,7 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <climits>
 #include <filesystem>
 #include <string_view>
 #include <tuple>
@@ -73,6 +74,10 @@ void make_content_dir(const std::string& path, const PanelAccount& owner) {
 }
 
 std::optional<std::string> ContentTarget::refusal(const std::string& listedPath) const {
+    // No file has such a path. Its parts may be millions, each of them a directory to be made.
+    if (listedPath.size() > PATH_MAX) {
+        return "the path is longer than paths can be";
+    }
     const std::vector<std::string> names = components(listedPath);
     const std::string last = lastComponent(listedPath);
     if (last.empty() || last == ".") {
@@ -84,16 +89,16 @@ std::optional<std::string> ContentTarget::refusal(const std::string& listedPath)
     if (holdsBraceExpression(listedPath)) {
         return "the path holds a brace expression";
     }
-    if (isFileOfThisRun(listedPath)) {
+    if (isFileOfThisRun(names)) {
         return "the path is that of a file of this run";
     }
     return std::nullopt;
 }
 
 // Each part of the path counts: a directory made under such a name would be as bad.
-bool ContentTarget::isFileOfThisRun(const std::string& listedPath) const {
+bool ContentTarget::isFileOfThisRun(const std::vector<std::string>& names) const {
     fs::path parent;
-    for (const std::string& name : components(listedPath)) {
+    for (const std::string& name : names) {
         if (IncomingFile::isTemporaryName(name) || (isNameOfThisRun(name) && isSessionDirectory(parent))) {
             return true;
         }
@@ -117,6 +122,7 @@ Descriptor ContentTarget::enterDirectoryOf(const std::string& listedPath) {
     Descriptor current = openDirectory(directory_);
     std::vector<std::string> names = components(listedPath);
     names.pop_back();
+    std::string entered;
     for (const std::string& name : names) {
         Descriptor next = openDirectoryAt(current, name);
         if (next.fd() < 0 && errno == ENOENT && makeDirectoryAt(current, name)) {
@@ -126,8 +132,9 @@ Descriptor ContentTarget::enterDirectoryOf(const std::string& listedPath) {
             throwSystemError(localPath(listedPath), errno);
         }
         current = std::move(next);
+        entered += name + "/";
     }
-    if (tidied_.insert(names).second) {
+    if (tidied_.insert(std::move(entered)).second) {
         IncomingFile::removeAbandoned(current);
     }
     return current;

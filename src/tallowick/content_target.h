@@ -48,13 +48,13 @@ class ContentTarget {
     const std::string& directory() const { return directory_; }
 
   private:
-    bool isFileOfThisRun(const std::string& listedPath) const;
+    bool isFileOfThisRun(const std::vector<std::string>& names) const;
     bool isSessionDirectory(const std::filesystem::path& relative) const;
     bool makeDirectoryAt(const Descriptor& parent, const std::string& name) const;
 
     std::string directory_;
     PanelAccount owner_;
-    std::set<std::vector<std::string>> tidied_;  // directories without what killed runs left
+    std::set<std::string> tidied_;  // listed directories without what killed runs left
 };
 
 /// The text behind the last "/".

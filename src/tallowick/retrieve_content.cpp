@@ -21,6 +21,7 @@
 #include <fcntl.h>
 #include <sys/stat.h>
 
+#include <climits>
 #include <tuple>
 #include <typeinfo>
 
@@ -30,6 +31,20 @@ namespace {
 constexpr const char* kSourceName = "./actions";
 
 constexpr std::size_t kMaxListSize = std::size_t{16} << 20;  // bytes
+
+// Of a text that a source host lists. A path that is fetched is shown whole, with the directory it goes to.
+constexpr std::size_t kMostShown = std::size_t{2} * PATH_MAX;  // bytes
+
+std::string shortened(const std::string& text) {
+    if (text.size() <= kMostShown) {
+        return text;
+    }
+    std::size_t end = kMostShown;
+    while (end > kMostShown - 4 && (static_cast<unsigned char>(text[end]) & 0xC0U) == 0x80U) {
+        --end;  // to where a character begins
+    }
+    return text.substr(0, end) + " [" + std::to_string(text.size() - end) + " bytes left out]";
+}
 
 std::unique_ptr<AgentFileList> readList(const std::string& text) {
     try {
@@ -105,7 +120,11 @@ std::unique_ptr<AgentFileList> RetrieveContentAction::requestList() {
         if (isConverted(text)) {
             throw KORVA_EXC(CantRetrieveContentList) % "the list is not well-formed, and not in UTF-8";
         }
-        std::ignore = readList(shown(text));
+        const std::string harmless = masked(text);
+        if (harmless == text) {
+            throw;
+        }
+        std::ignore = readList(harmless);
         throw KORVA_EXC(CantRetrieveContentList) % "the list is not well-formed";
     }
 }
@@ -165,7 +184,7 @@ void RetrieveContentAction::fetch(const DumpFile& file, ContentTarget& target,
     if (const std::optional<std::string> reason = target.refusal(file.name)) {
         throw failure(file, target, *reason);
     }
-    const HiddenCommands quiet(*getSsh(), shown(file.name) != file.name);
+    const HiddenCommands quiet(*getSsh(), masked(file.name) != file.name);
     try {
         const Descriptor directory = target.enterDirectoryOf(file.name);
         const bool isHere =
@@ -187,6 +206,9 @@ Exc<&CantRetrieveContentFile> RetrieveContentAction::failure(const DumpFile& fil
 
 // By the last component alone, and in the session's own directory whatever the target is.
 bool RetrieveContentAction::checkMD5(const DumpFile& file) const {
+    if (file.md5.empty()) {  // no file has that sum
+        return false;
+    }
     const std::optional<FileSum> present =
         sumRegularFile(AT_FDCWD, theSession->getCidFile(lastComponent(file.name)));
     return present && present->md5 == file.md5;
@@ -245,8 +267,13 @@ void RetrieveContentAction::removeRemote(const DumpFile& file) {
 }
 
 // Names and sums come from the remote side, which may repeat a password in them.
-std::string RetrieveContentAction::shown(const std::string& text) {
+std::string RetrieveContentAction::masked(const std::string& text) {
     return getSsh()->secrets().mask(text);
+}
+
+// Hidden first: half of a password at the cut would not be found.
+std::string RetrieveContentAction::shown(const std::string& text) {
+    return shortened(masked(text));
 }
 
 }  // namespace korva

@@ -37,6 +37,7 @@ class RetrieveContentAction : public Action {
     void removeRemote(const DumpFile& file);
     Exc<&CantRetrieveContentFile> failure(const DumpFile& file, const ContentTarget& target,
                                           const std::string& reason);
+    std::string masked(const std::string& text);
     std::string shown(const std::string& text);
     std::string remotePath(const DumpFile& file) const { return cfg().agent_dir + "/" + file.name; }
 };

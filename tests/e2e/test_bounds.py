@@ -1,6 +1,8 @@
 # SPDX-License-Identifier: Apache-2.0
 """However much the source host says, the program's memory stays small, and lists beyond all reason are refused."""
 
+import codecs
+import itertools
 import resource
 
 import pytest
@@ -22,10 +24,10 @@ DIGEST = b"d41d8cd98f00b204e9800998ecf8427e"
 def fetch(tallowick_release, server, agent, workspace):
     """Fetches a list's content with the release build, and gives the run and its peak of memory in MiB. What would be
     logged beyond 16 MiB is dropped."""
-    def run(text):
+    def run(text, *options):
         agent.answer(list=text)
         measured = Measured(workspace / "account")
-        done = get_content(tallowick_release, server, agent, prefix=measured.prefix,
+        done = get_content(tallowick_release, server, agent, *options, prefix=measured.prefix,
                            preexec_fn=lambda: resource.setrlimit(resource.RLIMIT_FSIZE, (16 * MIB, 16 * MIB)))
         return done, measured.account().peak_kib / KIB_PER_MIB
 
@@ -78,6 +80,60 @@ def test_list_with_everything_in_one_element_takes_bounded_memory(fetch, start, 
                 b'<contentlist size="0" unpacked="0">' + start + b"%s" + end + b"</contentlist>")
     run, peak = fetch(filled(template, piece, size))
     assert run.status in (0, 2)
+    assert peak < 256
+
+
+def one_of_each(piece, size):
+    """`piece` with the numbers from 0 on in the place of "%x", as many as fit into `size` bytes."""
+    pieces = (piece % number for number in itertools.count())
+    total = itertools.accumulate(len(piece % number) for number in itertools.count())
+    return b"".join(each for each, _ in zip(pieces, itertools.takewhile(lambda end: end <= size, total)))
+
+
+TAG = b'<contentlist size="0" unpacked="0"%s></contentlist>'
+UTF16 = '<?xml version="1.0" encoding="UTF-16"?>'
+# Each as long as a list may be.
+EXCESSIVE = {
+    "attributes": TAG % one_of_each(b' a%x=""', LARGEST_LIST - 64),
+    "attributes in UTF-16": (UTF16 + (TAG % one_of_each(b' a%x=""', LARGEST_LIST // 2 - 128)).decode()).encode("utf-16"),
+    "attributes with one name": filled(TAG, b' a=""'),
+    "attributes with a prefix": TAG % (b' xmlns:a="a"' + one_of_each(b' a:a%x=""', LARGEST_LIST - 128)),
+    "attributes of a file": NO_FILES % (b"<file%s/>" % one_of_each(b' a%x=""', LARGEST_LIST - 128)),
+    "name spaces": TAG % one_of_each(b' xmlns:a%x="u"', LARGEST_LIST - 64),
+    "a long attribute": filled(b'<contentlist size="0" unpacked="0" a="%s"></contentlist>', b"v"),
+    "elements with many attributes": filled(NO_FILES, b"<a%s/>" % one_of_each(b' a%x=""', 16384)),
+    "names": NO_FILES % one_of_each(b"<a%x/>", LARGEST_LIST - 64),
+    "a declaration": filled(b"<!DOCTYPE contentlist [<!ELEMENT a (%sb)>]>" + NO_FILES % b"", b"b,"),
+    "declarations": b"<!DOCTYPE contentlist [%s]>" % one_of_each(b"<!ELEMENT a%x ANY>", LARGEST_LIST - 128)
+                    + NO_FILES % b""}
+
+
+@pytest.mark.parametrize("text", EXCESSIVE.values(), ids=EXCESSIVE.keys())
+def test_list_with_too_much_in_a_tag_or_of_declarations_is_refused(fetch, server, text):
+    assert 0.99 * LARGEST_LIST < len(text) <= LARGEST_LIST
+    run, peak = fetch(text)
+    # What is not in UTF-8 is never quoted.
+    code = "CantRetrieveContentList" if text.startswith(codecs.BOM_UTF16) else "tError_ParseFile"
+    error = run.session.error(RESULT)
+    assert (run.status, error.code, error.inner) == (2, code, None)
+    assert len(server.commands()) == 1
+    assert peak < 256
+
+
+NAMES = {"empty parts": (b"/", b"x"), "directories": (b"a/", b"x"), "names of this run": (b"dump-name/", b"x"),
+         "a brace expression that a document needs more room for": (b">", b"{,}")}
+
+
+@pytest.mark.parametrize("piece, end", NAMES.values(), ids=NAMES.keys())
+def test_immense_name_is_refused_before_anything_is_made(fetch, server, workspace, piece, end):
+    entry = b'<file size="0">%s' + end + b"</file>"
+    run, peak = fetch(filled(NO_FILES % entry, piece), f"--dumps-dir={workspace}/dumps", "--no-check-space")
+    error = run.session.error(RESULT).inner
+    assert (run.status, error.code) == (2, "CantRetrieveContentFile")
+    assert error.description.endswith(" bytes left out]': the path is longer than paths can be")
+    assert run.session.file(RESULT).stat().st_size < 100_000
+    assert not (workspace / "dumps").exists()
+    assert len(server.commands()) == 1
     assert peak < 256
 
 

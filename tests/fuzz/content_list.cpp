@@ -12,6 +12,7 @@
 #include <boost/numeric/conversion/cast.hpp>
 
 #include <algorithm>
+#include <climits>
 #include <filesystem>
 #include <optional>
 
@@ -53,6 +54,7 @@ void requirePath(const korva::ContentTarget& target, const DumpFile& file) {
     const auto path = std::filesystem::path(target.localPath(file.name)).lexically_normal();
     require(path.string().starts_with(target.directory() + "/"), "what is fetched stays below the directory");
     require(!path.filename().empty(), "what is fetched has a name");
+    require(file.name.size() <= PATH_MAX, "what is fetched has a path that can be");
 }
 
 std::string attribute(const xmlNode* node, const char* name) {

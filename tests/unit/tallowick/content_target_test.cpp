@@ -81,6 +81,26 @@ TEST_F(ContentRefusal, IsThereForAPathThatLeadsOut) {
     }
 }
 
+/// A name of that many bytes.
+std::string repeated(const std::string& piece, std::size_t size) {
+    std::string text;
+    while (text.size() < size) {
+        text += piece;
+    }
+    return text.substr(0, size);
+}
+
+TEST_F(ContentRefusal, IsThereForAPathThatIsLongerThanPathsCanBe) {
+    for (const char* piece : {"n", "/", "a/", "{,}", "../", "dump-name/"}) {
+        EXPECT_THAT(inSession.refusal(repeated(piece, 4096) + "x"),
+                    Optional(std::string("the path is longer than paths can be")))
+            << piece;
+    }
+    for (const char* piece : {"n", "/", "a/"}) {
+        EXPECT_EQ(std::nullopt, inSession.refusal(repeated(piece, 4095) + "x")) << piece;
+    }
+}
+
 TEST_F(ContentRefusal, IsThereForABraceExpressionThatALoginShellWouldExpand) {
     for (const char* path : {"{a,b}", "x{1..3}y", "a{b/c,d}e", "{,}", "{a{b,c}", "{a}{b,c}", "{..}"}) {
         EXPECT_THAT(target.refusal(path), Optional(std::string("the path holds a brace expression"))) << path;

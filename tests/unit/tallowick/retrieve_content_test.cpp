@@ -2,6 +2,7 @@
 #include "tallowick/retrieve_content.h"
 
 #include "commons/checksum.h"
+#include "commons/descriptor.h"
 #include "commons/filesystem.h"
 #include "commons/stream_errors.h"
 #include "fakes/fake_accounts.h"
@@ -16,9 +17,12 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <sys/inotify.h>
 #include <sys/stat.h>
 #include <sys/vfs.h>
+#include <unistd.h>
 
+#include <array>
 #include <cerrno>
 #include <cstdint>
 #include <filesystem>
@@ -83,6 +87,14 @@ std::string sumOf(const std::string& content) {
 std::string upper(std::string text) {
     for (char& c : text) {
         c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
+    }
+    return text;
+}
+
+std::string repeated(const std::string& piece, int count) {
+    std::string text;
+    for (int i = 0; i < count; ++i) {
+        text += piece;
     }
     return text;
 }
@@ -390,6 +402,34 @@ TEST_F(ContentFile, IsAlwaysFetchedWithoutASum) {
     }
 }
 
+/// Tells whether a file that exists is opened by anybody.
+class WatchedFile {
+  public:
+    explicit WatchedFile(const std::string& path) : events_(inotify_init1(IN_NONBLOCK | IN_CLOEXEC)) {
+        EXPECT_GE(inotify_add_watch(events_.fd(), path.c_str(), IN_OPEN), 0);
+    }
+    bool wasOpened() const {
+        std::array<char, 4096> events;
+        return ::read(events_.fd(), events.data(), events.size()) > 0;
+    }
+
+  private:
+    Descriptor events_;
+};
+
+TEST_F(ContentFile, WithoutASumIsNotComparedWithWhatIsHere) {
+    fs::create_directory(inSession("x"));
+    writeFile(inSession("a"), "content");
+    for (const auto& [attributes, opened] :
+         {std::pair("size='7'", false), std::pair("size='7' md5sum=''", false),
+          std::pair("size='7' md5sum='0'", true)}) {
+        offerAs(attributes, "x/a", "content");
+        const WatchedFile file(inSession("a"));
+        action.execute();
+        EXPECT_EQ(opened, file.wasOpened()) << attributes;
+    }
+}
+
 TEST_F(ContentFile, IsFetchedOnceMoreWhenItsSumIsWrittenInAnotherCaseAndThenAccepted) {
     offerAs("size='7' md5sum='" + upper(sumOf("content")) + "'", "a", "content");
     writeFile(inSession("a"), "content");
@@ -465,6 +505,12 @@ TEST_F(ContentListRetrieval, ShowsNoPasswordInTheNameOfAFileOfNegativeSize) {
     cfg.password = "Sesame-1";
     answer(list("0", entry("Sesame-1", "size='-1'")));
     EXPECT_THAT(failure(), listFailure("the size of '********' is negative"));
+}
+
+TEST_F(ContentListRetrieval, TellsTheBeginningOfAnImmenseNameOfAFileOfNegativeSize) {
+    answer(list("0", entry(std::string(1'000'000, 'n'), "size='-1'")));
+    EXPECT_THAT(failure(), listFailure("the size of '" + std::string(8192, 'n') +
+                                       " [991808 bytes left out]' is negative"));
 }
 
 TEST_F(ContentListRetrieval, TakesAListOf16MebibytesAndNoLargerOne) {
@@ -677,6 +723,48 @@ TEST_F(RefusedContentFile, IsToldWhenItsTurnComes) {
     EXPECT_EQ("content", readFile(inSession("a")));
     EXPECT_FALSE(fs::exists(dir / "b"));
     EXPECT_THAT(sessionFiles(), ElementsAre("a"));
+}
+
+TEST_F(RefusedContentFile, HasAPathThatIsTooLongOfWhichTheBeginningIsTold) {
+    cfg.dumps_dir = dir / "dumps";
+    cfg.no_check_space = true;
+    offer({{"x/" + std::string(1'000'000, 'n'), "content"}});
+    const std::string place = cfg.dumps_dir + "/x/";
+    EXPECT_THAT(failure(),
+                loopFailure(isError("CantRetrieveContentFile",
+                                    "Failed to retrieve file 'x/" + std::string(8190, 'n') +
+                                        " [991810 bytes left out]' from 'source.example' to '" + place +
+                                        std::string(8192 - place.size(), 'n') + " [" +
+                                        std::to_string(1'000'000 - 8192 + place.size()) +
+                                        " bytes left out]': the path is longer than paths can be")));
+    EXPECT_THAT(transfers(), IsEmpty());
+    EXPECT_FALSE(fs::exists(cfg.dumps_dir));
+}
+
+TEST_F(RefusedContentFile, IsToldWithoutHalfACharacterAtTheCut) {
+    offer({{"n" + repeated("\xE2\x82\xAC", 3000), "content"}});
+    const std::vector<ErrorRecord> errors = failure();
+    ASSERT_EQ(2U, errors.size());
+    EXPECT_THAT(errors[1].message, HasSubstr("\x82\xAC [810 bytes left out]'"));
+    EXPECT_THAT(errors[1].message, Not(HasSubstr("\xEF\xBF\xBD")));
+}
+
+TEST_F(RefusedContentFile, HidesAPasswordAtTheCut) {
+    cfg.password = "Sesame-1";
+    for (std::size_t before = 8180; before < 8196; ++before) {
+        offer({{std::string(before, 'n') + "Sesame-1", "content"}});
+        const std::vector<ErrorRecord> errors = failure();
+        ASSERT_EQ(2U, errors.size());
+        EXPECT_THAT(errors[1].message, Not(HasSubstr("S"))) << before;
+    }
+}
+
+TEST_F(ContentFile, IsToldWithTheBeginningOfAnImmenseSum) {
+    offerAs("md5sum='" + std::string(1'000'000, '0') + "'", "a", "content");
+    action.execute();
+    EXPECT_THAT(debugLog.errors,
+                ElementsAre("File '/agent/a' is not what the content list says: " + sumOf("content") +
+                            " instead of " + std::string(8192, '0') + " [991808 bytes left out]"));
 }
 
 TEST_F(RefusedContentFile, LeavesNoDirectoryAndIsNotAskedFor) {
