@@ -32,6 +32,7 @@ void writeNameRecord(const std::string& path, const std::string& name) try {
     requireWritableOrMissing(path);
     const std::filesystem::path file(path);
     const Descriptor directory = openDirectory(file.parent_path());
+    IncomingFile::removeAbandoned(directory);
     IncomingFile record(directory, file.filename());
     record.stream() << name;
     try {

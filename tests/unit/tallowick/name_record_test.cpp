@@ -56,6 +56,12 @@ class NameRecord : public testing::Test {
     const std::string path = dir / "dump-name";
 };
 
+TEST_F(NameRecord, RemovesWhatAKilledRunHasLeftOfOne) {
+    writeFile(dir / ".incoming-1-01234567-89ab-cdef-0123-456789abcdef", "hal");
+    writeNameRecord(path, "/session/dump.xml");
+    EXPECT_THAT(names(), ElementsAre("dump-name"));
+}
+
 TEST_F(NameRecord, HoldsTheNameAndNothingElse) {
     writeNameRecord(path, "/session/dump.xml");
     EXPECT_EQ("/session/dump.xml", readFile(path));
