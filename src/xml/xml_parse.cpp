@@ -56,7 +56,7 @@ xmlXPathObjectPtr evaluate(const std::string& expression, xmlXPathContextPtr con
     if (LibxmlScope::hasLackedMemory() || context->lastError.code == XML_ERR_NO_MEMORY) {
         throw std::bad_alloc();
     }
-    xmlXPathObjectPtr const result = valuePop(parser.get());
+    xmlXPathObject* const result = valuePop(parser.get());
     if (result == nullptr) {
         throw KORVA_EXC(tError_XPath_CantEvaluate) % expression;
     }
