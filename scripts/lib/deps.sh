@@ -20,6 +20,8 @@ packages_of() { # GROUP
             echo gcovr ;;
         valgrind)
             echo valgrind ;;
+        bench)
+            echo openssh-client openssh-sftp-server sshpass rsync curl valgrind ;;
         *)
             echo "no such group of packages: $1" >&2
             return 1 ;;
