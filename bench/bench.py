@@ -1,0 +1,131 @@
+# SPDX-License-Identifier: Apache-2.0
+"""What scripts/bench runs in the sandbox. Ends with 1 when a target is missed or a count has changed, with 2 when it
+cannot measure."""
+
+import argparse
+import json
+import pathlib
+import shutil
+import sys
+import time
+
+_HERE = pathlib.Path(__file__).resolve().parent
+_TOP = _HERE.parent
+sys.path[:0] = [str(_HERE), str(_TOP / "tests" / "e2e")]
+
+# pylint: disable=wrong-import-position
+import counting
+import figures
+import report
+from hosts import BASE, Hosts, NotPermitted
+from rows import Bench
+from targets import Targets
+
+_RELEASE = _TOP / "build" / "release"
+_OUT = _TOP / "build" / "bench"
+_COUNTS = "counts"
+
+
+def _tell(text):
+    print(text, flush=True)
+
+
+def _parse(arguments):
+    parser = argparse.ArgumentParser(prog="scripts/bench", usage="scripts/bench [quick] [ROW...] [--keep]")
+    parser.add_argument("words", nargs="*")
+    parser.add_argument("--keep", action="store_true", help="keep the counts of instructions for later runs to compare with")
+    parser.add_argument("--list", action="store_true", help="print the names of the rows")
+    options = parser.parse_args(arguments)
+    options.quick = "quick" in options.words
+    options.names = [word for word in options.words if word != "quick"]
+    return options
+
+
+def _wanted(options, rows):
+    known = [row.name for row in rows] + [_COUNTS]
+    unknown = [name for name in options.names if name not in known]
+    if unknown:
+        raise SystemExit(f"bench: no such row: {' '.join(unknown)}\nrows: {' '.join(known)}")
+    return [row for row in rows if (row.name in options.names if options.names else True)
+            and (not options.quick or row.quick_minutes is not None or row.name in options.names)]
+
+
+def _measure(bench, rows, quick):
+    minutes = sum(row.quick_minutes or row.minutes if quick else row.minutes for row in rows)
+    _tell(f"{len(rows)} rows, about {max(1, round(minutes))} minutes")
+    for row in rows:
+        _tell(f"{row.title} ({row.name})")
+        bench.measure(row)
+
+
+def _count(options):
+    """The counts, and what has changed."""
+    _tell("Instructions (counts)")
+    counts = counting.count(_RELEASE / "bench" / "counts")
+    for work, value in counts.items():
+        _tell(f"    {counting.MEANING[work]}: {value:.2f}")
+    kept = counting.read(counting.KEPT.read_text(encoding="utf-8")) if counting.KEPT.exists() else {}
+    if options.keep:
+        counting.KEPT.write_text(counting.written(counts), encoding="utf-8")
+        return counts, []
+    return counts, counting.changes(kept, counts)
+
+
+def _write(directory, text, picture):
+    directory.mkdir(parents=True, exist_ok=True)
+    (directory / "RESULTS.md").write_text(text, encoding="utf-8")
+    if picture:
+        (directory / report.PICTURE).write_text(picture, encoding="utf-8")
+    _tell(f"written: {directory.relative_to(_TOP)}/RESULTS.md")
+
+
+def _judge(results, changed):
+    """Prints what was measured of the targets; true when all of it holds."""
+    checks = [check for check in Targets(results).checks() if check.ratio is not None]
+    if checks:
+        _tell(report.targets_table(checks))
+    missed = [f"missed: {check.work}: {check.what} {check.ratio:.2f}, {check.sense} {check.bound:.2f}"
+              for check in checks if not check.holds()]
+    for line in [*missed, *(f"changed: {text}" for text in changed)]:
+        _tell(line)
+    return not missed and not changed
+
+
+def main(arguments):
+    """Measures what the arguments ask for."""
+    options = _parse(arguments)
+    began = time.monotonic()
+    _OUT.mkdir(parents=True, exist_ok=True)
+    disk = _OUT / "disk"
+    BASE.mkdir(exist_ok=True)
+    bench = Bench(_RELEASE / "tallowick", _RELEASE / "bench", disk, options.quick, _tell)
+    if options.list:
+        for row in bench.rows():
+            _tell(f"{row.name:24} {row.title}")
+        return 0
+    rows = _wanted(options, bench.rows())
+    counts, changed = {}, []
+    if not options.names or _COUNTS in options.names:
+        counts, changed = _count(options)
+    if rows:
+        try:
+            hosts = Hosts(_RELEASE / "bench")
+        except NotPermitted as error:
+            print(f"bench: this machine does not permit what the measurement needs: {error}", file=sys.stderr)
+            return 2
+        try:
+            _measure(bench, rows, options.quick)
+        finally:
+            hosts.stop()
+            shutil.rmtree(disk, ignore_errors=True)
+            (_OUT / "results.json").write_text(json.dumps(figures.to_json(bench.results)), encoding="utf-8")
+    whole = not options.quick and not options.names
+    form = "whole run" if whole else "quick run" if options.quick else "single rows"
+    setting = report.setting_of(time.monotonic() - began, form, bench.known_read_size)
+    _write(_HERE if whole else _OUT, report.document(bench.rows(), bench.results, counts, setting),
+           report.picture(bench.results))
+    return 0 if _judge(bench.results, changed) else 1
+
+
+if __name__ == "__main__":
+    sys.exit(main(sys.argv[1:]))
