@@ -104,7 +104,7 @@ def main(arguments):
             _tell(f"{row.name:24} {row.title}")
         return 0
     rows = _wanted(options, bench.rows())
-    counts, changed = {}, []
+    counts, changed, facts = {}, [], []
     if not options.names or _COUNTS in options.names:
         counts, changed = _count(options)
     if rows:
@@ -114,6 +114,7 @@ def main(arguments):
             print(f"bench: this machine does not permit what the measurement needs: {error}", file=sys.stderr)
             return 2
         try:
+            facts.append(f"TCP with {hosts.congestion_control()}")
             _measure(bench, rows, options.quick)
         finally:
             hosts.stop()
@@ -121,7 +122,9 @@ def main(arguments):
             (_OUT / "results.json").write_text(json.dumps(figures.to_json(bench.results)), encoding="utf-8")
     whole = not options.quick and not options.names
     form = "whole run" if whole else "quick run" if options.quick else "single rows"
-    setting = report.setting_of(time.monotonic() - began, form, bench.known_read_size)
+    if bench.known_read_size:
+        facts.append(f"downloads in reads of {bench.known_read_size} bytes")
+    setting = report.setting_of(time.monotonic() - began, form, facts)
     _write(_HERE if whole else _OUT, report.document(bench.rows(), bench.results, counts, setting),
            report.picture(bench.results))
     return 0 if _judge(bench.results, changed) else 1

@@ -71,13 +71,11 @@ def from_json(plain):
 
 
 def rounded(value, digits=3):
-    """A positive number with so many significant digits and no exponent."""
-    if value == 0:
-        return "0"
+    """A number of at least 0 with so many significant digits, with all before the point, and without an exponent."""
+    if value >= 10 ** (digits - 1):
+        return f"{value:.0f}"
     text = f"{value:.{digits}g}"
-    if "e" in text:
-        text = f"{float(text):.0f}" if value >= 1 else f"{value:.9f}".rstrip("0")
-    return text
+    return f"{value:.9f}".rstrip("0") if "e" in text else text
 
 
 def table(head, rows):

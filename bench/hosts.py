@@ -30,6 +30,13 @@ PidFile none
 """
 
 
+# The kernel's own, whatever this machine has made of them. Apart from the first: a connection is not to start with
+# what an earlier one has learnt.
+_SETTINGS = ["net.ipv4.tcp_no_metrics_save=1", "net.ipv4.tcp_rmem=4096 131072 6291456",
+             "net.ipv4.tcp_wmem=4096 16384 4194304"]
+_CONTROL = "net.ipv4.tcp_congestion_control"
+
+
 class NotPermitted(Exception):
     """This machine does not let us make the network."""
 
@@ -63,8 +70,10 @@ class Hosts:
                 _ip("address", "add", f"10.77.{rtt}.{end}/24", "dev", names.format(rtt), network=network)
                 _ip("link", "set", names.format(rtt), "up", "txqueuelen", "10000", network=network)
         for prefix in ([], _inside()):
-            # A connection is not to start with what an earlier one has learnt.
-            subprocess.run([*prefix, "sysctl", "-qw", "net.ipv4.tcp_no_metrics_save=1"], check=True)
+            subprocess.run([*prefix, "sysctl", "-qw", *_SETTINGS], check=True)
+            # Not every kernel gives its usual one to a network like this.
+            subprocess.run([*prefix, "sh", "-c", " || ".join(f"sysctl -qw {_CONTROL}={name}" for name in ("cubic", "reno"))],
+                           check=True, capture_output=True)
 
     def _start_relay(self, rtt):
         relay = subprocess.Popen(
@@ -85,6 +94,11 @@ class Hosts:
                                                stdin=subprocess.DEVNULL))
         for rtt in ROUND_TRIPS:
             wait_until(lambda there=address(rtt): greets(there, PORT), f"sshd at {address(rtt)}")
+
+    @staticmethod
+    def congestion_control():
+        """The kernel's name of it."""
+        return subprocess.run(["sysctl", "-n", _CONTROL], check=True, capture_output=True, text=True).stdout.strip()
 
     def stop(self):
         """Ends what was started."""

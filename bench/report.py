@@ -32,14 +32,13 @@ def document(rows, results, counts, setting):
     return "\n".join(parts).rstrip("\n") + "\n"
 
 
-def setting_of(seconds, form, read_size):
-    """When, where and with what it was measured."""
+def setting_of(seconds, form, facts):
+    """When, where and with what it was measured; `facts` are what else is known of it."""
     versions = subprocess.run(["dpkg-query", "-W", "-f", "${Package} ${Version}; ", *_PACKAGES], capture_output=True,
                               text=True, check=False).stdout.strip("; ")
-    size = f", downloads in reads of {read_size} bytes" if read_size else ""
     return (f"Taken {time.strftime('%Y-%m-%d %H:%M', time.gmtime())} UTC, {form}, {seconds / 60:.0f} minutes, load "
             f"{os.getloadavg()[0]:.2f} at the end; {_processor()}, {os.cpu_count()} cores that both hosts share, Linux "
-            f"{platform.release()}{size}.\n\n{versions}.")
+            f"{', '.join([platform.release(), *facts])}.\n\n{versions}.")
 
 
 def _processor():

@@ -37,8 +37,8 @@ class Check:
 
 
 def ratio_of(numerator, denominator):
-    """None when one of them is."""
-    return None if numerator is None or denominator is None else numerator / denominator
+    """None when one of them was not measured, which is what 0 says of a cost."""
+    return numerator / denominator if numerator and denominator else None
 
 
 class Targets:
