@@ -6,6 +6,7 @@ import argparse
 import json
 import pathlib
 import shutil
+import subprocess
 import sys
 import time
 
@@ -51,11 +52,18 @@ def _wanted(options, rows):
 
 
 def _measure(bench, rows, quick):
+    """Measures the rows and returns what went wrong; one that cannot be measured does not cost the others."""
     minutes = sum(row.quick_minutes or row.minutes if quick else row.minutes for row in rows)
     _tell(f"{len(rows)} rows, about {max(1, round(minutes))} minutes")
+    failures = []
     for row in rows:
         _tell(f"{row.title} ({row.name})")
-        bench.measure(row)
+        try:
+            bench.measure(row)
+        except (AssertionError, OSError, subprocess.SubprocessError) as error:
+            failures.append(f"failed: {row.name}: {error}")
+            _tell(f"    {error}")
+    return failures
 
 
 def _count(options):
@@ -68,7 +76,7 @@ def _count(options):
     if options.keep:
         counting.KEPT.write_text(counting.written(counts), encoding="utf-8")
         return counts, []
-    return counts, counting.changes(kept, counts)
+    return counts, [f"changed: {change}" for change in counting.changes(kept, counts)]
 
 
 def _write(directory, text, picture):
@@ -79,16 +87,14 @@ def _write(directory, text, picture):
     _tell(f"written: {directory.relative_to(_TOP)}/RESULTS.md")
 
 
-def _judge(results, changed):
-    """Prints what was measured of the targets; true when all of it holds."""
-    checks = [check for check in Targets(results).checks() if check.ratio is not None]
+def _judge(results, whole):
+    """Prints what was measured of the targets and returns what does not hold; after a whole run nothing may be missing."""
+    checks = [check for check in Targets(results).checks() if whole or check.ratio is not None]
     if checks:
         _tell(report.targets_table(checks))
-    missed = [f"missed: {check.work}: {check.what} {check.ratio:.2f}, {check.sense} {check.bound:.2f}"
-              for check in checks if not check.holds()]
-    for line in [*missed, *(f"changed: {text}" for text in changed)]:
-        _tell(line)
-    return not missed and not changed
+    return [f"not measured: {check.work}: {check.what}" if check.ratio is None else
+            f"missed: {check.work}: {check.what} {check.ratio:.2f}, {check.sense} {check.bound:.2f}"
+            for check in checks if not check.holds()]
 
 
 def main(arguments):
@@ -104,9 +110,9 @@ def main(arguments):
             _tell(f"{row.name:24} {row.title}")
         return 0
     rows = _wanted(options, bench.rows())
-    counts, changed, facts = {}, [], []
+    counts, facts, findings = {}, [], []
     if not options.names or _COUNTS in options.names:
-        counts, changed = _count(options)
+        counts, findings = _count(options)
     if rows:
         try:
             hosts = Hosts(_RELEASE / "bench")
@@ -115,7 +121,7 @@ def main(arguments):
             return 2
         try:
             facts.append(f"TCP with {hosts.congestion_control()}")
-            _measure(bench, rows, options.quick)
+            findings += _measure(bench, rows, options.quick)
         finally:
             hosts.stop()
             shutil.rmtree(disk, ignore_errors=True)
@@ -127,7 +133,10 @@ def main(arguments):
     setting = report.setting_of(time.monotonic() - began, form, facts)
     _write(_HERE if whole else _OUT, report.document(bench.rows(), bench.results, counts, setting),
            report.picture(bench.results))
-    return 0 if _judge(bench.results, changed) else 1
+    findings += _judge(bench.results, whole)
+    for finding in findings:
+        _tell(finding)
+    return 1 if findings else 0
 
 
 if __name__ == "__main__":

@@ -179,28 +179,40 @@ class Connection {
     }
 
   private:
-    // In blocking mode a read of the one stream would wait while only the other has something. Each read
-    // takes all that the socket has, so nothing of standard output stays unseen when both reads give nothing.
+    // In blocking mode a read of the one stream would wait while only the other has something.
     template <typename Output>
     void drain(LIBSSH2_CHANNEL* channel, std::vector<char>& buffer, Output output) {
         libssh2_session_set_blocking(session_, 0);
+        bool lookedAgain = false;
         while (libssh2_channel_eof(channel) == 0) {
-            const ssize_t errors = libssh2_channel_read_ex(channel, 1, buffer.data(), kPieceSize);
-            if (errors > 0) {
-                std::cerr.write(buffer.data(), errors);
+            if (const std::size_t size = readSome(channel, 0, buffer.data(), buffer.size()); size > 0) {
+                output(std::string_view(buffer.data(), size));
+                lookedAgain = false;
                 continue;
             }
-            const ssize_t size = libssh2_channel_read_ex(channel, 0, buffer.data(), buffer.size());
-            if (size > 0) {
-                output(std::string_view(buffer.data(), static_cast<std::size_t>(size)));
-            } else if (size == LIBSSH2_ERROR_EAGAIN) {
+            if (const std::size_t size = readSome(channel, 1, buffer.data(), kPieceSize); size > 0) {
+                std::cerr.write(buffer.data(), static_cast<std::streamsize>(size));
+                continue;
+            }
+            // The second read may have taken from the socket what the first was to give, and the end too.
+            if (libssh2_channel_eof(channel) != 0) {
+                break;
+            }
+            lookedAgain = !lookedAgain && libssh2_poll_channel_read(channel, 1) != 0;
+            if (!lookedAgain) {
                 pollfd waiting{socket_.fd(), POLLIN, 0};
                 poll(&waiting, 1, -1);
-            } else {
-                require(static_cast<int>(size), "read");
             }
         }
         libssh2_session_set_blocking(session_, 1);
+    }
+
+    static std::size_t readSome(LIBSSH2_CHANNEL* channel, int stream, char* buffer, std::size_t size) {
+        const ssize_t result = libssh2_channel_read_ex(channel, stream, buffer, size);
+        if (result < 0 && result != LIBSSH2_ERROR_EAGAIN) {
+            fail("read: error " + std::to_string(result));
+        }
+        return result > 0 ? static_cast<std::size_t>(result) : 0;
     }
 
     Descriptor socket_;

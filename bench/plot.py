@@ -111,10 +111,11 @@ def _chart(chart, colours):
 def _lines(chart, x_axis, y_axis, colours):
     placed = {name: [(x_axis.place(x), y_axis.place(y)) for x, y in sorted(line)] for name, line in chart.lines.items()}
     labels = spread([line[-1][1] for line in placed.values()], _LABEL_HEIGHT)
-    for (name, line), label in zip(placed.items(), labels):
+    for (name, line), label in reversed(list(zip(placed.items(), labels))):  # the first line is to lie above all others
         colour = colours[name]
         path = "L".join(f"{x:.1f} {y:.1f}" for x, y in line)
-        yield f'<path d="M{path}" fill="none" stroke="{colour}" stroke-width="2"/>'
+        dashes = ' stroke-dasharray="6 4"' if name.startswith("floor") else ""
+        yield f'<path d="M{path}" fill="none" stroke="{colour}" stroke-width="2"{dashes}/>'
         for x, y in line:
             yield f'<circle cx="{x:.1f}" cy="{y:.1f}" r="3" fill="{colour}"/>'
         x, y = line[-1]

@@ -200,7 +200,7 @@ def test_picture_has_each_point_in_its_place():
         chart.add("flat", x, 10.0)
     root = ElementTree.fromstring(plot.svg([chart]))
     circles = [(float(each.get("cx")), float(each.get("cy"))) for each in root.iter("{http://www.w3.org/2000/svg}circle")]
-    (left, low), (right, high), (_, middle), (_, other) = circles
+    (_, middle), (_, other), (left, low), (right, high) = circles
     assert left < right and low > high
     assert middle == other == pytest.approx((low + high) / 2, abs=0.1)
     texts = {each.text for each in root.iter("{http://www.w3.org/2000/svg}text")}
