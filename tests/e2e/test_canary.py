@@ -9,6 +9,7 @@ import os
 import pathlib
 import re
 import resource
+import shutil
 import signal
 import subprocess
 import xml.sax.saxutils
@@ -149,6 +150,8 @@ def test_passwords_turn_up_nowhere(tallowick_release, product, workspace, start_
     host = Source(start_scripted, workspace, kind, places)
     options = ["--verbose", *(["--sudo-password"] if kind != "none" else []),
                *(["--content-transport=rsync"] if action.startswith("--dump") else [])]
+    # Its own path may lie below /tmp.
+    tallowick_release.binary = shutil.copy(tallowick_release.binary, workspace / "tallowick")
     running = actions.start(action, host.port, *options, session=session, password=os.fsdecode(passwords.login),
                             sudo_password=os.fsdecode(passwords.sudo), prefix=with_temporary_files_in(temporary))
     host.watch(running.pid)

@@ -47,7 +47,7 @@ SANITIZERS = {"ASAN_OPTIONS": f"{os.environ.get('ASAN_OPTIONS', '')}:exitcode=99
 HANGS_AFTER_S = 200
 # A whole run has many more; fewer mean that calls are no longer counted.
 LEAST_FAULTS = 5000
-SAMPLE_SECONDS = 80
+SAMPLE_SECONDS = 60
 TELLS_EVERY = 1000  # runs
 
 
