@@ -5,13 +5,11 @@
 // the set-up and of every command, a line each. The password comes from OVN_PASSWORD; the log is configured
 // by the product's own file, which the environment names as LOG_PROPERTIES, and goes to LOG_FILE_NAME.
 #include "commons/discard_stream.h"
+#include "environment.h"
+#include "log_setup.h"
 #include "ssh/ssh-transfer.h"
+#include "stopwatch.h"
 
-#include <log4cpp/Category.hh>
-#include <log4cpp/PropertyConfigurator.hh>
-
-#include <chrono>
-#include <cstdlib>
 #include <iostream>
 #include <stdexcept>
 #include <string>
@@ -20,31 +18,6 @@
 namespace {
 
 using korva::Ssh;
-
-std::string variable(const char* name) {
-    const char* const value = std::getenv(name);
-    if (value == nullptr) {
-        throw std::runtime_error(std::string(name) + " is not set");
-    }
-    return value;
-}
-
-class Stopwatch {
-  public:
-    double milliseconds() const {
-        return std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - began_).count();
-    }
-
-  private:
-    std::chrono::steady_clock::time_point began_ = std::chrono::steady_clock::now();
-};
-
-// As initializeLog4Cpp() does it for a run that is not verbose.
-void configureLog() {
-    log4cpp::PropertyConfigurator::configure(variable("LOG_PROPERTIES"));
-    log4cpp::Category& root = log4cpp::Category::getRoot();
-    root.removeAppender(root.getAppender("A2"));
-}
 
 void runCommands(char** argv) {
     configureLog();

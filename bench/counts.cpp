@@ -12,12 +12,10 @@
 #include "commons/discard_stream.h"
 #include "commons/session.h"
 #include "commons/sh_quote.h"
+#include "log_setup.h"
 #include "ssh/ssh-transfer.h"
 #include "xml/agent_file_list.h"
 #include "xml/migration_status.h"
-
-#include <log4cpp/Category.hh>
-#include <log4cpp/PropertyConfigurator.hh>
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
@@ -106,10 +104,7 @@ void work(char** argv) {
         {"save", save}, {"exec", exec}, {"list", list}, {"quote", quote}};
     const korva::SessionLifetimeController session(argv[3]);
     setenv("LOG_FILE_NAME", korva::theSession->getLogFileName().c_str(), 1);
-    const char* const properties = std::getenv("LOG_PROPERTIES");
-    log4cpp::PropertyConfigurator::configure(properties != nullptr ? properties : "");
-    log4cpp::Category& root = log4cpp::Category::getRoot();
-    root.removeAppender(root.getAppender("A2"));
+    configureLog();
     known.at(argv[1])(std::stoi(argv[2]));
 }
 

@@ -17,6 +17,8 @@
 //   exec COMMAND        its output is read and dropped
 //   get COMMAND LOCAL   its output goes into the file LOCAL
 //   put COMMAND LOCAL   its input comes from the file LOCAL
+#include "stopwatch.h"
+
 #include <libssh2.h>
 #include <openssl/evp.h>
 
@@ -32,7 +34,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -413,16 +414,6 @@ Options parse(int argc, char** argv) {
     options.plan = argv[optind];
     return options;
 }
-
-class Stopwatch {
-  public:
-    double milliseconds() const {
-        return std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - began_).count();
-    }
-
-  private:
-    std::chrono::steady_clock::time_point began_ = std::chrono::steady_clock::now();
-};
 
 void goThrough(const Options& options) {
     const std::vector<Step> steps = options.plan.empty() ? std::vector<Step>() : readPlan(options.plan);
