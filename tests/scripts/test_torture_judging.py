@@ -13,8 +13,8 @@ sys.path[:0] = [str(_TESTS / "torture"), str(_TESTS / "e2e")]
 # pylint: disable=wrong-import-position
 import judging
 import torture
-from cases import (AGENT_STAYS, AGENT_TREE, CASES, CONTENT, DIFFERS, DUMPING_STATUS, LEFT_OVER, NEIGHBOURS, NOT_PRINTED,
-                   OLD_RESULT, SHARED_TREE, STATUS_STAYS, STAYS, Servers, Undone, make_case)
+from cases import (AGENT_STAYS, AGENT_TREE, ANSWER, CASES, CONTENT, DIFFERS, DUMPING_STATUS, ENTRY_POINT, LEFT_OVER,
+                   NEIGHBOURS, NOT_PRINTED, OLD_RESULT, SHARED_TREE, STATUS_STAYS, STAYS, Servers, Undone, make_case)
 from harness.agents import AgentCatalogue
 from harness.places import make_dir, write
 from harness.product import Product
@@ -169,6 +169,16 @@ def test_unreadable_local_file_may_be_sent_empty_and_no_other_may(tmp_path):
         assert forgiven(deployment, own, shared, *others) == {undone}
         write(deployment.agent / undone.path, b"half")
         assert forgiven(deployment, undone, *others) == set(), "it has been sent in part"
+
+
+def test_entry_point_that_has_not_arrived_may_answer_nothing(tmp_path):
+    unread, failed = make("deploy-agent", tmp_path / "unread"), make("deploy-agent", tmp_path / "failed")
+    undone = {Undone(DIFFERS, ENTRY_POINT), Undone(DIFFERS, ANSWER)}
+    log(unread, f"ERROR k.Ssh: Cannot read {AgentCatalogue(Product()).path() / ENTRY_POINT}: Too many open files")
+    write(make_dir(unread.agent) / ENTRY_POINT, b"")
+    log(failed, f"ERROR k.Ssh: Writing to the remote file {failed.agent}/{ENTRY_POINT} has ended with return code 1")
+    for deployment in (unread, failed):
+        assert forgiven(deployment, *undone, Undone(DIFFERS, "bin/own")) == undone
 
 
 def test_file_whose_upload_has_failed_may_differ_and_no_other_may(tmp_path):

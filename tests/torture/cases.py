@@ -24,6 +24,8 @@ SCOUT = f"print q(r) x {len(REPORT)};"
 AGENT_STATUS = b"<agentstatus/>\n"
 SHARED_TREE = {"lib/large": b"l" * 70_000, "lib/small": b"s"}
 AGENT_TREE = {"bin/own": b"o" * 100}
+ENTRY_POINT = "run.sh"
+ANSWER = "agent-deployment.status"
 DUMP = b"<dump>" + b"d" * 70_000 + b"</dump>"
 DUMPING_STATUS = b"<dumping-status>" + b"s" * 5000 + b"</dumping-status>"
 CONTENT = {"flat": b"f" * 3000, "empty": b"", "in/a/directory": b"i" * 70_000, "of an earlier run": b"new" * 100}
@@ -50,7 +52,7 @@ STATUS_STAYS = "the local dumping status is still there"
 NOT_PRINTED = "standard output is not the dumping status"
 
 # Lists what is still there, as an agent has to; notes what it is to dump; replaces its status and its dump as a whole.
-_ENTRY_POINT = """\
+_SCRIPT = b"""\
 own=${0%/*}
 case $* in
     --get-status)
@@ -83,7 +85,7 @@ def install_product():
     product.set_scout(SCOUT)
     catalogue = AgentCatalogue(product)
     catalogue.install_shared(SHARED_TREE)
-    catalogue.install(AGENT, {"run.sh": _ENTRY_POINT, **AGENT_TREE}, EntryPoint="run.sh", Interpreter="sh")
+    catalogue.install(AGENT, {ENTRY_POINT: _SCRIPT, **AGENT_TREE}, EntryPoint=ENTRY_POINT, Interpreter="sh")
 
 
 class Undone(NamedTuple):
@@ -188,7 +190,7 @@ class Case:
         remove_tree(self.source)
         remove_tree(self.session.path)
         self._put(self.source, NEIGHBOURS)
-        self._put(self.agent, {"run.sh": _ENTRY_POINT, **self.remote_files()})
+        self._put(self.agent, {ENTRY_POINT: _SCRIPT, **self.remote_files()})
         for path in [self.source, *self.source.rglob("*")]:
             os.chown(path, self.account.uid, self.account.gid)
         if self.old_session:
@@ -269,8 +271,8 @@ class Deployment(Case):
     old_session = True
 
     def undone(self, run):
-        return [*_differing(self.agent, {**SHARED_TREE, **AGENT_TREE}),
-                *_differing(self.session.path, {"agent-deployment.status": AGENT_STATUS})]
+        return [*_differing(self.agent, {ENTRY_POINT: _SCRIPT, **SHARED_TREE, **AGENT_TREE}),
+                *_differing(self.session.path, {ANSWER: AGENT_STATUS})]
 
 
 class DumpingStatus(Case):

@@ -5,7 +5,7 @@ import os
 import re
 from xml.etree import ElementTree
 
-from cases import AGENT_STAYS, DIFFERS, NOT_PRINTED, STATUS_STAYS, STAYS
+from cases import AGENT_STAYS, ANSWER, DIFFERS, ENTRY_POINT, NOT_PRINTED, STATUS_STAYS, STAYS
 from harness.agents import AgentCatalogue
 from harness.product import Product
 from harness.program import DOCUMENTED_STATUSES
@@ -20,16 +20,23 @@ def _is_empty(file):
     return file.is_file() and file.stat().st_size == 0
 
 
+def _upload_behind(undone):
+    """The file whose upload has gone wrong when this one differs: without its entry point an agent answers nothing."""
+    return ENTRY_POINT if undone.path == ANSWER else undone.path
+
+
 def _was_sent_empty(case, run, undone):
-    if (case.action, undone.what) != ("deploy-agent", DIFFERS) or not _is_empty(case.agent / undone.path):
+    path = _upload_behind(undone)
+    if (case.action, undone.what) != ("deploy-agent", DIFFERS) or not _is_empty(case.agent / path):
         return False
     catalogue = AgentCatalogue(Product())
-    return any(f"ERROR k.Ssh: Cannot read {directory / undone.path}: " in run.session.log
+    return any(f"ERROR k.Ssh: Cannot read {directory / path}: " in run.session.log
                for directory in (catalogue.shared, catalogue.path(case.agent_name)))
 
 
 def _upload_has_failed(case, run, undone):
-    line = f"ERROR k.Ssh: Writing to the remote file {case.agent / undone.path} has ended with return code "
+    file = case.agent / _upload_behind(undone)
+    line = f"ERROR k.Ssh: Writing to the remote file {file} has ended with return code "
     return case.action == "deploy-agent" and undone.what == DIFFERS and line in run.session.log
 
 
