@@ -146,18 +146,26 @@ void requireRegularFileOrNothing(const Descriptor& directory, const std::string&
 
 }  // namespace
 
+IncomingFile::Buffer::Buffer(int fd, std::string name, Sum sum) : DescriptorBuffer(fd, std::move(name)) {
+    if (sum == Sum::kMd5) {
+        md5_.emplace();
+    }
+}
+
 std::streamsize IncomingFile::Buffer::xsputn(const char* data, std::streamsize size) {
     const std::streamsize written = DescriptorBuffer::xsputn(data, size);
     size_ += written;
-    md5_.update(data, static_cast<std::size_t>(written));
+    if (md5_) {
+        md5_->update(data, static_cast<std::size_t>(written));
+    }
     return written;
 }
 
-IncomingFile::IncomingFile(const Descriptor& directory, std::string finalName)
+IncomingFile::IncomingFile(const Descriptor& directory, std::string finalName, Sum sum)
     : directory_(directory), finalName_(std::move(finalName)), lock_(-1), stream_(nullptr) {
     requireRegularFileOrNothing(directory_, finalName_);
     const int fd = createUnderNewName(directory_.fd(), temporaryName_);
-    buffer_ = std::make_unique<Buffer>(fd, temporaryName_);
+    buffer_ = std::make_unique<Buffer>(fd, temporaryName_, sum);
     lock_ = Descriptor(fcntl(buffer_->fd(), F_DUPFD_CLOEXEC, 0));
     stream_.rdbuf(buffer_.get());
     if (buffer_->fd() < 0) {

@@ -7,6 +7,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <ostream>
 #include <string>
 #include <string_view>
@@ -17,10 +18,13 @@ namespace korva {
 /// exclusively, and put in its place only when it is whole. Removed unless it was put there.
 class IncomingFile {
   public:
+    /// Whether md5() will be asked: a sum takes as long as all the rest of a byte's way.
+    enum class Sum { kNone, kMd5 };
+
     /// `directory` is held open by the caller as long as the file is. Throws SystemError when what has the
     /// final name is no regular file, which is left alone. The new file has mode 0644, whatever the process
     /// umask. When it cannot be created, the stream fails from the start.
-    IncomingFile(const Descriptor& directory, std::string finalName);
+    IncomingFile(const Descriptor& directory, std::string finalName, Sum sum = Sum::kNone);
     IncomingFile(const IncomingFile&) = delete;
     IncomingFile& operator=(const IncomingFile&) = delete;
     ~IncomingFile();
@@ -40,7 +44,7 @@ class IncomingFile {
 
     /// Bytes received.
     std::int64_t size() const { return buffer_->size(); }
-    /// The MD5 sum of what was received. After close(), and once.
+    /// The MD5 sum of what was received, when there was to be one. After close(), and once.
     std::string md5() { return buffer_->md5(); }
 
     /// Whether a name is of the kind that new files get until they are installed.
@@ -49,19 +53,19 @@ class IncomingFile {
     static void removeAbandoned(const Descriptor& directory);
 
   private:
-    /// Counts and sums what it writes.
+    /// Counts what it writes, and sums it up when that is wanted.
     class Buffer : public DescriptorBuffer {
       public:
-        using DescriptorBuffer::DescriptorBuffer;
+        Buffer(int fd, std::string name, Sum sum);
         std::int64_t size() const { return size_; }
-        std::string md5() { return md5_.hexDigest(); }
+        std::string md5() { return md5_.value().hexDigest(); }
 
       protected:
         std::streamsize xsputn(const char* data, std::streamsize size) override;
 
       private:
         std::int64_t size_ = 0;
-        Md5 md5_;
+        std::optional<Md5> md5_;
     };
 
     const Descriptor& directory_;

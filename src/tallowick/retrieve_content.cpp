@@ -221,7 +221,7 @@ bool RetrieveContentAction::takeMatch(const DumpFile& file, const Descriptor& di
     if (isSameFile(directory, name, match) || isListedFile(directory, name, file)) {
         return true;
     }
-    IncomingFile copy(directory, name);
+    IncomingFile copy(directory, name, IncomingFile::Sum::kMd5);
     copyRegularFile(match, copy.stream());
     copy.close();
     if (copy.md5() != file.md5) {
@@ -234,13 +234,14 @@ bool RetrieveContentAction::takeMatch(const DumpFile& file, const Descriptor& di
 bool RetrieveContentAction::download(const DumpFile& file, const ContentTarget& target,
                                      const Descriptor& directory, FileRetrievalProgressUpdater& progress) {
     const std::string name = lastComponent(file.name);
-    IncomingFile incoming(directory, name);
+    const bool isSummed = !file.md5.empty();
+    IncomingFile incoming(directory, name, isSummed ? IncomingFile::Sum::kMd5 : IncomingFile::Sum::kNone);
     BoundedText err;
     if (getSsh()->get(incoming.stream(), err, remotePath(file), progress) != 0) {
         throw failure(file, target, err.str());
     }
     incoming.close();
-    const Comparison comparison = compare(file, incoming.md5(), incoming.size());
+    const Comparison comparison = compare(file, isSummed ? incoming.md5() : std::string(), incoming.size());
     if (!comparison.matches) {
         logMismatch(file, comparison.seen, comparison.listed);
     }

@@ -165,7 +165,7 @@ TEST_F(Incoming, CannotBeCreatedWhereItCannotBeMadeReadable) {
 }
 
 TEST_F(Incoming, CountsAndSumsWhatArrives) {
-    IncomingFile file(directory, "file");
+    IncomingFile file(directory, "file", IncomingFile::Sum::kMd5);
     EXPECT_EQ(0, file.size());
     file.stream() << "some";
     file.stream().put(' ');
@@ -176,7 +176,7 @@ TEST_F(Incoming, CountsAndSumsWhatArrives) {
 }
 
 TEST_F(Incoming, HasTheSumOfNothingWhenNothingArrives) {
-    IncomingFile file(directory, "file");
+    IncomingFile file(directory, "file", IncomingFile::Sum::kMd5);
     file.close();
     EXPECT_EQ("d41d8cd98f00b204e9800998ecf8427e", file.md5());
 }
@@ -185,7 +185,7 @@ TEST_F(Incoming, FailsOnAFullDiskAndCountsWhatArrivedOnly) {
     writeFile(dir / "file", "old");
     {
         const FileSizeLimit disk(4);
-        IncomingFile file(directory, "file");
+        IncomingFile file(directory, "file", IncomingFile::Sum::kMd5);
         EXPECT_FALSE(file.stream() << "small");
         EXPECT_THROW(file.close(), Exc<&StreamWrite>);
         EXPECT_EQ(4, file.size());
