@@ -3,9 +3,21 @@
 
 #include "commons/session.h"
 
+#include <fcntl.h>
 #include <unistd.h>
 
+#include <cerrno>
+#include <cstdio>
+#include <tuple>
+
 namespace korva {
+namespace {
+
+int exchange(const std::string& one, const std::string& other) {
+    return ::renameat2(AT_FDCWD, one.c_str(), AT_FDCWD, other.c_str(), RENAME_EXCHANGE);
+}
+
+}  // namespace
 
 std::unique_ptr<MigrationStatus> createMigrationStatusFile() {
     return std::make_unique<XmlMigrationStatus>();
@@ -91,6 +103,20 @@ void XmlMigrationStatus::saveFile() {
     pid_ = std::to_string(::getpid());
     rebuild();
     saveToFileAtomically(theSession->getStatusFileName(), Durability::kCached);
+}
+
+// Each piece of a transfer may save, and ext4 writes a file to the disk when it replaces another one: the two
+// change places instead.
+int XmlMigrationStatus::putInPlace(const std::string& temporary, const std::string& path) const {
+    if (exchange(temporary, path) != 0) {  // nothing is there yet, or the file system cannot do it
+        return tXmlDocument::putInPlace(temporary, path);
+    }
+    if (::unlink(temporary.c_str()) == 0) {
+        return 0;
+    }
+    const int error = errno;
+    std::ignore = exchange(temporary, path);  // what cannot be replaced, a directory say, goes back
+    return error;
 }
 
 // The root keeps its attributes: counters of a deployment stay in every later document.

@@ -29,6 +29,9 @@ class XmlMigrationStatus : public tXmlDvxDocument, public MigrationStatus {
     void setTranslate() override;
     void saveFile() override;
 
+  protected:
+    int putInPlace(const std::string& temporary, const std::string& path) const override;
+
   private:
     enum State { kIdle = 0, kAgent = 1, kTransferDump = 2, kTransferFiles = 3, kTranslate = 4, kDeploy = 5 };
 

@@ -14,6 +14,7 @@
 #include <libxml/xmlIO.h>
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -90,14 +91,23 @@ bool serialise(const std::shared_ptr<xmlDoc>& doc, std::string& bytes) {
     return dump(doc, xmlOutputBufferCreateIO(&appendToString, nullptr, &bytes, encoder));
 }
 
+/// Removes what a longer file had before.
+bool cutAt(int fd, std::size_t size) {
+    struct stat status {};
+    return ::fstat(fd, &status) == 0 &&
+           (!S_ISREG(status.st_mode) || status.st_size == static_cast<off_t>(size) ||
+            ::ftruncate(fd, static_cast<off_t>(size)) == 0);
+}
+
 bool writeFile(const char* fileName, const std::string& bytes) {
     // Others may be able to write in the directory: a link is not followed, nor the reader of a FIFO awaited.
+    // Not O_TRUNC, even of an empty file: ext4 would flush it when it is closed.
     const int fd =
-        ::open(fileName, O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC, 0666);
+        ::open(fileName, O_WRONLY | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC, 0666);
     if (fd == -1) {
         return false;
     }
-    const bool written = writeAll(fd, bytes) == bytes.size();
+    const bool written = writeAll(fd, bytes) == bytes.size() && cutAt(fd, bytes.size());
     return ::close(fd) == 0 && written;
 }
 

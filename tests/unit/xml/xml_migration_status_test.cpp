@@ -196,6 +196,22 @@ TEST_F(MigrationStatusFile, WritesNothingBeforeItIsSaved) {
     EXPECT_THAT(SessionDir::files(), ElementsAre("migration.status"));
 }
 
+TEST_F(MigrationStatusFile, ReplacesTheOldFileByANewOneAndLeavesNoOther) {
+    const std::string before = save();
+    std::filesystem::create_hard_link(session / "migration.status", session / "reader");
+    status->setTranslate();
+    EXPECT_NE(before, save());
+    EXPECT_EQ(before, test::readFile(session / "reader"));
+    EXPECT_THAT(SessionDir::files(), ElementsAre("migration.status", "reader"));
+}
+
+TEST_F(MigrationStatusFile, LeavesADirectoryInItsPlaceWhereItIs) {
+    const std::filesystem::path content = std::filesystem::path(session / "migration.status") / "content";
+    std::filesystem::create_directories(content);
+    EXPECT_THROW(save(), Exc<&CantRenameFile>);
+    EXPECT_TRUE(std::filesystem::is_directory(content));
+}
+
 TEST_F(MigrationStatusFile, IsNotFlushedToTheDisk) {
     const FakeFsync fsync;
     save();
