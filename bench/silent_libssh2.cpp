@@ -78,6 +78,10 @@ ssize_t libssh2_channel_read_ex(LIBSSH2_CHANNEL*, int, char*, std::size_t) {
     return LIBSSH2_ERROR_EAGAIN;
 }
 
+int libssh2_channel_receive_window_adjust2(LIBSSH2_CHANNEL*, unsigned long, unsigned char, unsigned int*) {
+    return 0;
+}
+
 ssize_t libssh2_channel_write_ex(LIBSSH2_CHANNEL*, int, const char*, std::size_t size) {
     return static_cast<ssize_t>(size);
 }

@@ -143,6 +143,9 @@ bool Channel::eof() {
 // Never in blocking mode: libssh2 tells of waiting standard error when only standard output waits, and a
 // read of the empty stream would then block for ever.
 int Channel::read(int stream, char* buffer, std::size_t size) {
+    if (!openWindow()) {
+        return 0;
+    }
     const ssize_t got = libssh2_channel_read_ex(get(), stream, buffer, size);
     if (got == LIBSSH2_ERROR_EAGAIN) {
         return 0;
@@ -157,6 +160,29 @@ int Channel::read(int stream, char* buffer, std::size_t size) {
     // LIBSSH2_ERROR_EAGAIN.
     ended_.at(static_cast<std::size_t>(stream)) = got == 0 && closedByRemote_;
     return static_cast<int>(got);
+}
+
+// False when it cannot be done yet. Then nothing may be read: libssh2 would adjust a narrow window by itself,
+// by an amount that fits the one that is under way no longer. Nor may reads that ask for more do this:
+// libssh2 1.10 makes the window as wide as they ask for, but a negative one when it is interrupted by a
+// change of keys.
+bool Channel::openWindow() {
+    if (window_ != 0 && unsentAdjustment_ == 0) {
+        unsigned size = 0;
+        libssh2_channel_receive_window_adjust2(get(), 0, 0, &size);  // tells the size and does no more
+        unsentAdjustment_ = size < window_ / 4 * 3 ? window_ - size : 0;
+    }
+    if (unsentAdjustment_ != 0) {
+        const int result = libssh2_channel_receive_window_adjust2(get(), unsentAdjustment_, 1, nullptr);
+        if (result == LIBSSH2_ERROR_EAGAIN) {
+            return false;
+        }
+        if (result < 0) {
+            throw KORVA_EXC(SshConnectionFault);
+        }
+        unsentAdjustment_ = 0;
+    }
+    return true;
 }
 
 // True for either stream, though it is asked for standard error only.

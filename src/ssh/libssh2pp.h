@@ -59,6 +59,10 @@ class Channel : public Handle<LIBSSH2_CHANNEL*, &dvx_libssh2_channel_free> {
     /// a stream of its own invention counts for nothing. Throws SshConnectionFault.
     bool eof();
 
+    /// From now on the remote side may send up to `window` bytes ahead of read() (RFC 4254, section 5.2);
+    /// with 0 it is up to libssh2, which allows 128 KiB.
+    void keepWindowOpen(unsigned window) { window_ = window; }
+
     /// Reads from standard output (stream 0) or standard error (stream 1) what is there, at most `size`
     /// bytes; 0 when there is nothing at present. Throws SshConnectionFault.
     int read(int stream, char* buffer, std::size_t size);
@@ -82,12 +86,15 @@ class Channel : public Handle<LIBSSH2_CHANNEL*, &dvx_libssh2_channel_free> {
     void relieve(int refusals);
     void receiveEvents();
     bool hasQueuedData();
+    bool openWindow();
 
     Session& session_;
     std::function<void()> whenFull_ = [] {};
     bool closedByRemote_ = false;     // everything that came before is in libssh2's queue then
     std::array<bool, 2> ended_ = {};  // whether that holds nothing more of a stream
     bool queuedInVain_ = false;
+    unsigned window_ = 0;
+    unsigned unsentAdjustment_ = 0;
 };
 
 /// A libssh2 session on a connected socket.

@@ -22,11 +22,6 @@ constexpr const char* kSourceName = "./ssh-transfer";
 constexpr int kStandardOutput = 0;
 constexpr int kStandardError = 1;
 
-// A piece is also what is asked of libssh2 at once, for downloads too: a read that asks for more than the
-// window was opened with makes libssh2 1.10 announce a negative window when it is interrupted by a change of
-// keys.
-static_assert(kMaxPieceSize == 65536);
-
 log4cpp::Category& category() {
     return log4cpp::Category::getInstance("k.Ssh");
 }
@@ -48,6 +43,7 @@ RunningCommand::RunningCommand(libssh2pp::Channel& channel, const RemoteRequest&
       errorMask_(ssh.secrets()) {
     // A command may wait for its output to be read before it reads on.
     channel_.setWhenFull([this] { readStreams(); });
+    channel_.keepWindowOpen(request.window);
 }
 
 RunningCommand::~RunningCommand() {

@@ -24,6 +24,7 @@ struct RemoteRequest {
     bool quietOutput;
     bool quietInput;
     Ssh::Counter& counter;
+    unsigned window = 0;  ///< what the remote side may send ahead, in bytes; 0: as libssh2 does it
 };
 
 /// A remote command between its start and its exit status. Its steps are to be called in their order.

@@ -31,6 +31,9 @@ constexpr const char* kSourceName = "./ssh-transfer";
 
 constexpr int kStatusOfRefusedCommand = 255;
 
+// A download can be no faster than this by the round trip.
+constexpr unsigned kDownloadWindow = 2 << 20;
+
 constexpr const char* kHiddenText = "********";
 
 log4cpp::Category& category() {
@@ -118,7 +121,7 @@ int Ssh::get(std::ostream& out, std::ostream& err, const std::string& remotePath
     debugLine(category()) << "Reading data from the remote file " << shown(remotePath);
     const std::string command = "cat " + sh_quote(remotePath);
     std::istringstream noInput;
-    const int status = run({command, noInput, out, err, true, true, counter});
+    const int status = run({command, noInput, out, err, true, true, counter, kDownloadWindow});
     if (status == 0 && !out.flush()) {  // the last bytes count as well
         throw KORVA_EXC(StreamWrite);
     }

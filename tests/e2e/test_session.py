@@ -179,7 +179,7 @@ def test_changed_host_key_is_accepted(tallowick, start_sshd):
 def test_frequent_new_keys_disturb_neither_output_nor_input(probe_release, start_sshd, workspace):
     # The release build: libssh2 itself leaks a little with every new key.
     server = start_sshd(("RekeyLimit 512K", *PASSWORD))
-    content = write(workspace / "content", bytes(range(256)) * 20000)
+    content = write(workspace / "content", bytes(range(256)) * 100_000)
     run = probe_release.run(server, get(workspace / "local", content),
                     execute("cat", stdin=content, out=workspace / "echo"), execute("exit 3"))
     assert run.statuses == [0, 0, 3]

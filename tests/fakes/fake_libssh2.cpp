@@ -237,9 +237,27 @@ ssize_t libssh2_channel_read_ex(LIBSSH2_CHANNEL* channel, int stream, char* buff
     const std::size_t length = std::min(size, read.data.size());
     const ssize_t result = length > 0 ? static_cast<ssize_t>(length) : read.error;
     std::memcpy(buffer, read.data.data(), length);
+    scriptOf(channel).window -= static_cast<unsigned>(length);
     read.data.erase(0, length);
     if (read.data.empty()) {
         reads.pop_front();
+    }
+    return result;
+}
+
+int libssh2_channel_receive_window_adjust2(LIBSSH2_CHANNEL* channel, unsigned long adjustment,
+                                           unsigned char force, unsigned int* windowBefore) {
+    FakeChannel& script = scriptOf(channel);
+    if (windowBefore != nullptr) {
+        *windowBefore = script.window;
+    }
+    if (adjustment == 0 && force == 0) {
+        return 0;
+    }
+    fake().recordTransfer("adjust " + std::to_string(adjustment));
+    const int result = takeResult(script.adjusts);
+    if (result == 0) {
+        script.window += static_cast<unsigned>(adjustment);
     }
     return result;
 }

@@ -32,6 +32,7 @@ struct FakeChannel {
     /// How many bytes a write takes at the most, or its error; all of them once used up.
     std::deque<int> writes;
     std::deque<int> sendEof;
+    std::deque<int> adjusts;
     std::deque<unsigned long> pollEvents;
     /// Whether data is said to be queued; the truth once used up.
     std::deque<int> queued;
@@ -41,6 +42,8 @@ struct FakeChannel {
     std::string exitSignal;
     int exitSignalError = 0;
 
+    /// How much the remote side may send.
+    unsigned window = 0;
     /// What was written.
     std::string input = {};
     bool freed = false;

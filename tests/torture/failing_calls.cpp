@@ -764,6 +764,10 @@ FAILS_WITH_SSH_ERROR(ssize_t, libssh2_channel_read_ex,
                      (LIBSSH2_CHANNEL * channel, int stream, char* data, std::size_t size),
                      (channel, stream, data, size), LIBSSH2_ERROR_SOCKET_RECV, LIBSSH2_ERROR_ALLOC,
                      LIBSSH2_ERROR_CHANNEL_CLOSED)
+FAILS_WITH_SSH_ERROR(int, libssh2_channel_receive_window_adjust2,
+                     (LIBSSH2_CHANNEL * channel, unsigned long adjustment, unsigned char force,
+                      unsigned* window),
+                     (channel, adjustment, force, window), LIBSSH2_ERROR_SOCKET_SEND, LIBSSH2_ERROR_ALLOC)
 FAILS_WITH_SSH_ERROR(int, libssh2_channel_send_eof, (LIBSSH2_CHANNEL * channel), (channel),
                      LIBSSH2_ERROR_SOCKET_SEND, LIBSSH2_ERROR_CHANNEL_CLOSED)
 FAILS_WITH_SSH_ERROR(int, libssh2_channel_eof, (LIBSSH2_CHANNEL * channel), (channel), LIBSSH2_ERROR_BAD_USE)

@@ -130,6 +130,7 @@ TEST_F(SshExec, Reads65536BytesAtOnceNeverInBlockingMode) {
     exec("input");
     EXPECT_THAT(fake().callsOf("read 0"), Each("read 0 65536"));
     EXPECT_THAT(fake().callsOf("read 1"), Each("read 1 65536"));
+    EXPECT_THAT(fake().callsOf("adjust"), IsEmpty());
     EXPECT_THAT(fake().callsInBlockingMode, IsEmpty());
 }
 

@@ -95,6 +95,42 @@ TEST_F(SshGet, NeverAsksForMoreThanTheWindowWasOpenedWithSinceAChangeOfKeysWould
     EXPECT_THAT(fake().callsOf("read"), Each(AnyOf("read 0 65536", "read 1 65536")));
 }
 
+TEST_F(SshGet, LetsTheRemoteSideSend2MibAhead) {
+    script.window = 65536;
+    script.reads[0] = {{std::string(10, 'x')}};
+    ssh().get(out, err, "remote", counter);
+    EXPECT_THAT(fake().callsOf("adjust"), ElementsAre("adjust 2031616"));
+    EXPECT_EQ(2097152U - 10, script.window);
+}
+
+TEST_F(SshGet, OpensTheWindowAgainWhenAQuarterOfItIsUsedUp) {
+    script.window = 2097152;
+    script.reads[0] = {{std::string(524288, 'x')}, {std::string(65536, 'x')}, {std::string(10, 'x')}};
+    ssh().get(out, err, "remote", counter);
+    EXPECT_THAT(fake().callsOf("adjust"), ElementsAre("adjust 589824"));
+}
+
+TEST_F(SshGet, ReadsNothingWhileAnAdjustmentOfTheWindowIsUnderWay) {
+    script.adjusts = {LIBSSH2_ERROR_EAGAIN, LIBSSH2_ERROR_EAGAIN, LIBSSH2_ERROR_EAGAIN};
+    script.reads[0] = {{std::string(10, 'x')}};
+    std::vector<std::string> transfers;
+    fake().onCall = [&transfers](const std::string& call) {
+        if (call.starts_with("adjust") || call.starts_with("read")) {
+            transfers.push_back(call);
+        }
+    };
+    EXPECT_EQ(0, ssh().get(out, err, "remote", counter));
+    transfers.resize(5);
+    EXPECT_THAT(transfers, ElementsAre("adjust 2097152", "adjust 2097152", "adjust 2097152", "adjust 2097152",
+                                       "read 1 65536"));
+    EXPECT_EQ(std::string(10, 'x'), out.str());
+}
+
+TEST_F(SshGet, FailsWhenTheWindowCannotBeAdjusted) {
+    script.adjusts = {LIBSSH2_ERROR_SOCKET_SEND};
+    EXPECT_THROW(ssh().get(out, err, "remote", counter), Exc<&SshConnectionFault>);
+}
+
 TEST_F(SshGet, HandsItsDataOnInPiecesOfAtMost65536) {
     script.reads[0] = {{std::string(65536, 'a')}, {std::string(150000, 'b')}};
     ssh().get(out, err, "remote", counter);
