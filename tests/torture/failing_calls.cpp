@@ -152,15 +152,20 @@ bool isNew(const Stack& stack) {
     return false;
 }
 
+/// What is to be taken from an address for addr2line to know it: nothing where the file has fixed addresses.
+std::uintptr_t linkedAt(const Dl_info& place) {
+    const auto* const header = static_cast<const ElfW(Ehdr)*>(place.dli_fbase);
+    return header->e_type == ET_EXEC ? 0 : reinterpret_cast<std::uintptr_t>(place.dli_fbase);
+}
+
 void tellStack() {
     const Stack stack = Stack::ofCaller();
     for (int i = 0; i < stack.size; ++i) {
         Dl_info place{};
         char line[512];
         if (dladdr(reinterpret_cast<void*>(stack.frames[i] - 1), &place) != 0 && place.dli_fname != nullptr) {
-            const auto base = reinterpret_cast<std::uintptr_t>(place.dli_fbase);
             tell(line, snprintf(line, sizeof line, "  %.200s 0x%lx %.200s\n", place.dli_fname,
-                                static_cast<unsigned long>(stack.frames[i] - 1 - base),
+                                static_cast<unsigned long>(stack.frames[i] - 1 - linkedAt(place)),
                                 place.dli_sname != nullptr ? place.dli_sname : "?"));
         }
     }

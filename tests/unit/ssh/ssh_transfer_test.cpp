@@ -127,6 +127,7 @@ TEST_F(SshGet, ReadsNothingWhileAnAdjustmentOfTheWindowIsUnderWay) {
 }
 
 TEST_F(SshGet, FailsWhenTheWindowCannotBeAdjusted) {
+    script.reads[0] = {{"content"}};
     script.adjusts = {LIBSSH2_ERROR_SOCKET_SEND};
     EXPECT_THROW(ssh().get(out, err, "remote", counter), Exc<&SshConnectionFault>);
 }
