@@ -129,7 +129,7 @@ def main(arguments):
     whole = not options.quick and not options.names
     form = "whole run" if whole else "quick run" if options.quick else "single rows"
     if bench.known_read_size:
-        facts.append(f"downloads in reads of {bench.known_read_size} bytes")
+        facts.append(f"downloads with {bench.known_read_size} bytes under way at the most")
     setting = report.setting_of(time.monotonic() - began, form, facts)
     _write(_HERE if whole else _OUT, report.document(bench.rows(), bench.results, counts, setting),
            report.picture(bench.results))

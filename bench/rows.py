@@ -244,7 +244,7 @@ class Bench:
         return self._read_size
 
     def read_size(self):
-        """How much a download of the program asks libssh2 for at once, for the floor to ask for as much."""
+        """How much the floor has to ask libssh2 for at once to let the server send as far ahead as the program does."""
         if self._read_size is None:
             file = BASE / "read-size"
             content = Content(1, 32 * MIB)
