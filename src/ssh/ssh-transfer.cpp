@@ -32,7 +32,7 @@ constexpr const char* kSourceName = "./ssh-transfer";
 constexpr int kStatusOfRefusedCommand = 255;
 
 // A download can be no faster than this by the round trip.
-constexpr unsigned kDownloadWindow = 2 << 20;
+constexpr unsigned kDownloadWindow = 4 << 20;
 
 constexpr const char* kHiddenText = "********";
 

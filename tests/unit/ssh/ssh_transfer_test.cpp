@@ -95,19 +95,19 @@ TEST_F(SshGet, NeverAsksForMoreThanTheWindowWasOpenedWithSinceAChangeOfKeysWould
     EXPECT_THAT(fake().callsOf("read"), Each(AnyOf("read 0 65536", "read 1 65536")));
 }
 
-TEST_F(SshGet, LetsTheRemoteSideSend2MibAhead) {
+TEST_F(SshGet, LetsTheRemoteSideSend4MibAhead) {
     script.window = 65536;
     script.reads[0] = {{std::string(10, 'x')}};
     ssh().get(out, err, "remote", counter);
-    EXPECT_THAT(fake().callsOf("adjust"), ElementsAre("adjust 2031616"));
-    EXPECT_EQ(2097152U - 10, script.window);
+    EXPECT_THAT(fake().callsOf("adjust"), ElementsAre("adjust 4128768"));
+    EXPECT_EQ(4194304U - 10, script.window);
 }
 
 TEST_F(SshGet, OpensTheWindowAgainWhenAQuarterOfItIsUsedUp) {
-    script.window = 2097152;
-    script.reads[0] = {{std::string(524288, 'x')}, {std::string(65536, 'x')}, {std::string(10, 'x')}};
+    script.window = 4194304;
+    script.reads[0] = {{std::string(1048576, 'x')}, {std::string(65536, 'x')}, {std::string(10, 'x')}};
     ssh().get(out, err, "remote", counter);
-    EXPECT_THAT(fake().callsOf("adjust"), ElementsAre("adjust 589824"));
+    EXPECT_THAT(fake().callsOf("adjust"), ElementsAre("adjust 1114112"));
 }
 
 TEST_F(SshGet, ReadsNothingWhileAnAdjustmentOfTheWindowIsUnderWay) {
@@ -121,7 +121,7 @@ TEST_F(SshGet, ReadsNothingWhileAnAdjustmentOfTheWindowIsUnderWay) {
     };
     EXPECT_EQ(0, ssh().get(out, err, "remote", counter));
     transfers.resize(5);
-    EXPECT_THAT(transfers, ElementsAre("adjust 2097152", "adjust 2097152", "adjust 2097152", "adjust 2097152",
+    EXPECT_THAT(transfers, ElementsAre("adjust 4194304", "adjust 4194304", "adjust 4194304", "adjust 4194304",
                                        "read 1 65536"));
     EXPECT_EQ(std::string(10, 'x'), out.str());
 }
