@@ -160,6 +160,17 @@ def test_there_is_no_example_that_is_not_tried():
     assert len(EXAMPLES) == 4
 
 
+def test_example_of_trying_an_agent_by_hand_works(source_host, workspace, outbox):
+    text, = displays(Page("tallowick-agent.7").section("EXAMPLES"))
+    ended = subprocess.run(["setpriv", f"--reuid={MOVER.uid}", f"--regid={MOVER.gid}", "--clear-groups", "bash", "-e", "-c",
+                            text.replace("/tmp/agent", str(outbox / "agent"))], cwd=AGENTS, capture_output=True,
+                           text=True, check=False, env=environment())
+    assert (ended.returncode, ended.stderr) == (0, "")
+    status, content = ended.stdout.split("<?xml")[1:]
+    assert "<agentstatus>" in status
+    assert ">dump.xml</file>" in content
+
+
 # ---- Completion ----
 
 _OFFERED = """

@@ -8,6 +8,7 @@ import re
 import shlex
 import subprocess
 import sys
+from xml.etree import ElementTree
 
 import pytest
 
@@ -427,6 +428,13 @@ def test_references_lead_to_pages_that_exist(path):
     text = path.read_text(encoding="utf-8")
     ours = {f"{name}.{section}" for name, section in re.findall(r"^\.Xr (tallowick\S*) (\d)", text, re.MULTILINE)}
     assert ours == {page.name for page in PAGES} - {path.name}
+
+
+def test_documents_that_are_shown_are_well_formed():
+    shown = [display for path in PAGES for display in displays(path.read_text(encoding="utf-8"))
+             if display.startswith("<")]
+    assert [ElementTree.fromstring(text).tag for text in shown] == [
+        "agentstatus", "contentlist", "migration-status", "execution-result", "selected-objects"]
 
 
 @pytest.mark.parametrize("path", PAGES, ids=lambda path: path.name)
