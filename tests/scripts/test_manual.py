@@ -197,6 +197,7 @@ def test_completion_knows_the_paths(option, offered, tmp_path):
     (tmp_path / "a file.xml").touch()
     assert sorted(complete(f"{option}=a", cwd=tmp_path)) == offered
     assert sorted(complete(option, "a", cwd=tmp_path)) == offered
+    assert complete(option, "a\\ d", cwd=tmp_path) == complete(option, '"a d', cwd=tmp_path) == ["a directory"]
 
 
 def test_completion_knows_the_agents_of_the_product_root(tmp_path):
