@@ -225,8 +225,8 @@ def test_killed_run_and_host_that_did_not_have_its_turn_are_repeated(fleet, star
 def test_cause_of_a_failed_step_decides(fleet, action, document, tag, again):
     session = fleet.session("127.0.0.2").path
     write(fleet.program, (
-        f"#!/bin/sh\nmkdir -p '{session}'\n"
-        f"echo '<message code=\"CantRetrieveDump\"><description/>\n<message code=\"{tag}\"/></message>' >'{session}/{document}'\n"
+        f"#!/bin/sh\nmkdir -p '{session}'\ncat >'{session}/{document}' <<END\n"
+        f"<message code=\"CantRetrieveDump\"><description/>\n<message code=\"{tag}\"/></message>\nEND\n"
         "exit 2\n"), 0o755)
     fleet.write_list(["127.0.0.2"])
     ended = fleet.run(action, "--agent-dir=/a", "--agent-name=a b $c", OVN_PASSWORD=MOVER.password)
@@ -238,7 +238,8 @@ def test_options_of_the_action_are_read_by_no_shell(fleet):
     write(fleet.program, "#!/bin/sh\nfor each; do echo \"[$each]\"; done\n", 0o755)
     fleet.write_list(["127.0.0.2"])
     fleet.run("--dump-selected", "--domains=a b,$(id)'\"", "--agent-name={1}", OVN_PASSWORD="x")
-    assert (fleet.record / "round-1/1.out").read_text().splitlines()[:2] == ["[--dump-selected]", "[--domains=a b,$(id)'\"]"]
+    printed = (fleet.record / "round-1/1.out").read_text().splitlines()
+    assert printed[:2] == ["[--dump-selected]", "[--domains=a b,$(id)'\"]"]
 
 
 @pytest.mark.parametrize("lines, complaint", [
@@ -247,7 +248,8 @@ def test_options_of_the_action_are_read_by_no_shell(fleet):
     ("../x mover /s\n", "line 1: no such name can be used")])
 def test_list_that_cannot_be_used_starts_nothing(fleet, lines, complaint):
     write(fleet.list, lines)
-    ended = subprocess.run([FLEET, fleet.list, fleet.record, "--send-scout"], capture_output=True, text=True, check=False)
+    ended = subprocess.run([FLEET, fleet.list, fleet.record, "--send-scout"], capture_output=True, text=True,
+                           check=False)
     assert (ended.returncode, ended.stdout) == (3, "")
     assert complaint in ended.stderr
     assert not (fleet.record / "round-1").exists()

@@ -22,9 +22,9 @@ SHELLS = ("dash", "bash --posix", "busybox sh")
 HANGS_AFTER_S = 60
 SYSTEM_PATH = "/usr/local/bin:/usr/bin:/bin"
 
-# What only root can read of a server, where its files tell nothing.
-ROOT_ONLY = {"forced-command"}
-OF_SERVER = {"methods", "host-keys", "key-exchange", "ciphers", "macs", "max-sessions", "max-startups", "forced-command"}
+# What is told of a server; only root is told the last, even where others can read its files.
+OF_SERVER = {"methods", "host-keys", "key-exchange", "ciphers", "macs", "max-sessions", "max-startups",
+             "forced-command"}
 
 
 class Findings:
@@ -104,14 +104,22 @@ def as_login(account):
     return [shutil.which("setpriv"), f"--reuid={account.uid}", f"--regid={account.gid}", "--clear-groups"]
 
 
-def by_hand(account, *arguments, terminal=False, **environment):
-    """The findings of a run that no SSH server has started, on a terminal of its own if it is to have one."""
+def by_hand(account, *arguments, terminal=False, missing=None, **environment):
+    """The findings of a run that no SSH server has started: on a terminal of its own if it is to have one, on a host
+    without the program `missing`."""
     command = [*as_login(account), "sh", str(SCRIPT), *arguments]
+    if missing:
+        command = [*without_program(missing), *command]
     ended = subprocess.run(
         ["script", "-qec", shlex.join(command), "/dev/null"] if terminal else command,
         stdin=subprocess.DEVNULL, capture_output=True, timeout=HANGS_AFTER_S, check=False,
         env={"PATH": SYSTEM_PATH, "HOME": str(account.home), **environment})
     return Findings(ended)
+
+
+def without_program(path):
+    return ["unshare", "--mount", "--propagation", "unchanged", "sh", "-e", "-c",
+            f'mount --bind /dev/null {path}; exec "$@"', "sh"]
 
 
 @contextlib.contextmanager
@@ -147,7 +155,7 @@ def test_login_is_told_what_it_can_see_under_every_shell(preflight, plain_server
     assert findings.stderr == b""
     assert findings.checks("problem") == set()
     assert findings.checks("warning") == {"agent-dir"}
-    assert findings.checks("unknown") == {"sudo", *ROOT_ONLY}
+    assert findings.checks("unknown") == {"sudo", "forced-command"}
     assert findings.of("key-exchange") == ("ok", "curve25519-sha256")
     assert findings.of("host-keys")[0] == "ok"
     assert findings.status == 1
@@ -155,8 +163,8 @@ def test_login_is_told_what_it_can_see_under_every_shell(preflight, plain_server
 
 def test_root_is_told_everything_and_nothing_is_wrong(preflight, plain_server, outbox):
     findings = preflight(plain_server, ROOT, str(outbox))
-    assert findings.checks("ok") >= {"session", "tools", "perl", "login-shell", "login-noise", "sudo", "password", "sshd",
-                                     *OF_SERVER, "agent-dir", "agent-space", "temp-space"}
+    assert findings.checks("ok") >= {"session", "tools", "perl", "login-shell", "login-noise", "sudo", "password",
+                                     "sshd", *OF_SERVER, "agent-dir", "agent-space", "temp-space"}
     assert findings.checks("problem") | findings.checks("warning") | findings.checks("unknown") == set()
     assert findings.summary == [f"summary: problems: 0, warnings: 0, unknown: 0, ok: {len(findings.lines)}"]
     assert findings.status == 0
@@ -223,6 +231,26 @@ def test_root_sees_when_the_configuration_is_broken(preflight, start_sshd, key):
     state, text = findings.of("sshd")
     assert (state, "option: Prot" in text) == ("warning", True)
     assert findings.checks("unknown") >= OF_SERVER
+
+
+@pytest.mark.parametrize("account, program, checks", [
+    (MOVER, "/usr/bin/ssh", OF_SERVER - {"max-sessions", "max-startups"}), (ROOT, "/usr/sbin/sshd", OF_SERVER),
+    (MOVER, "/usr/bin/passwd", {"password"}), (ROOT, "/bin/df", {"agent-space", "temp-space"})],
+    ids=lambda value: value if isinstance(value, str) else "")
+def test_what_cannot_be_asked_is_unknown(account, program, checks):
+    assert by_hand(account, "/srv/agent", missing=program).checks("unknown") >= checks
+
+
+def test_root_through_sudo_tells_about_the_login_that_calls_it():
+    findings = by_hand(ROOT, SUDO_USER="mover")
+    assert findings.state("sudo") == "ok"
+    assert findings.state("methods") == "ok"    # as it is not for root, by default
+    assert findings.checks("unknown") == {"login-shell", "agent-dir"}
+    assert by_hand(ROOT, SUDO_USER="plain").state("sudo") == "problem"
+    assert by_hand(ROOT, SUDO_USER="ovnadm").state("password") == "problem"
+    with changed("/etc/ssh/sshd_config", lambda text: f"{text}\nMatch User mover\nMaxSessions 1\n"):
+        assert by_hand(ROOT, SUDO_USER="mover").state("max-sessions") == "warning"
+        assert by_hand(ROOT, SUDO_USER="owner").state("max-sessions") == "ok"
 
 
 # ---- Tools ----
@@ -334,7 +362,7 @@ def test_host_without_sudo_and_sudo_that_is_broken(workspace):
     assert by_hand(ROOT, PATH=str(tools)).state("sudo") == "ok"
     write(tools / "sudo", "#!/bin/sh\nexit 1\n", 0o755)
     assert by_hand(MOVER, PATH=str(tools)).state("sudo") == "problem"
-    write(tools / "sudo", "#!/bin/sh\n[ \"$1\" = -V ] || { echo 'sudo: unable to change to root gid'; exit 1; }\n", 0o755)
+    write(tools / "sudo", "#!/bin/sh\n[ $1 = -V ] || { echo 'sudo: unable to change to root gid'; exit 1; }\n", 0o755)
     state, text = by_hand(MOVER, PATH=str(tools)).of("sudo")
     assert (state, text.endswith("unable to change to root gid")) == ("problem", True)
 
@@ -444,7 +472,8 @@ def test_full_disk_is_a_problem(workspace):
         assert by_hand(ROOT, str(workspace / "full")).state("agent-space") == "problem"
 
 
-@pytest.mark.parametrize("options, state", [(["size=100m"], "ok"), (["size=60m"], "warning"), (["size=500k"], "problem")])
+@pytest.mark.parametrize("options, state", [
+    (["size=100m"], "ok"), (["size=60m"], "warning"), (["size=500k"], "problem")])
 def test_space_for_temporary_files(workspace, options, state):
     directory = disk(workspace / "tmp", *options)
     try:
