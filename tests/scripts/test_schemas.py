@@ -4,9 +4,15 @@
 import pathlib
 import re
 import subprocess
+import sys
 from xml.etree import ElementTree
 
 import pytest
+
+sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[1] / "e2e"))
+
+# pylint: disable=wrong-import-position
+from harness import schemas
 
 SCHEMAS = pathlib.Path(__file__).resolve().parents[2] / "schemas"
 CORPUS = SCHEMAS / "corpus"
@@ -97,3 +103,41 @@ def used(documents_):
 @pytest.mark.parametrize("name", NAMES)
 def test_the_corpus_has_everything_that_a_schema_names(name):
     assert alternatives(name) - used(documents(name)) == set()
+
+
+def test_the_end_to_end_tests_judge_as_xmllint_does():
+    for name in NAMES:
+        for document in documents(name):
+            assert schemas.complaint(name, document.read_bytes()) == ""
+        for document in documents(name, "refused"):
+            assert schemas.complaint(name, document.read_bytes()) != ""
+
+
+@pytest.mark.parametrize("name, fetches_content, schema", [
+    ("migration.status", False, "migration-status"), ("migration.status", True, "migration-status"),
+    ("migration.result", False, "execution-result"), ("migration.result.12", False, "execution-result"),
+    ("transfer.result", True, "execution-result"), ("transfer.result.1", True, "execution-result"),
+    ("migration.result", True, None), ("transfer.result", False, None), ("migration.statusAb12xZ", False, None),
+    ("migration.result.1a", False, None), ("dump.xml", True, None)])
+def test_documents_are_known_by_the_names_that_the_run_gives_them(name, fetches_content, schema):
+    assert schemas.schema_of(name, fetches_content) == schema
+
+
+def test_documents_that_were_there_before_a_run_are_not_judged_and_those_that_it_leaves_are(tmp_path):
+    (tmp_path / "migration.result").write_bytes(b"planted")
+    documents_ = schemas.Documents(["tallowick", "--send-scout", f"--session-path={tmp_path}"], "/")
+    (tmp_path / "migration.result").rename(tmp_path / "migration.result.1")
+    (tmp_path / "migration.result").write_bytes(b'<execution-result status="success"/>')
+    documents_.check(succeeded=True)
+    (tmp_path / "migration.status").write_bytes(b"<migration-status/>")
+    with pytest.raises(schemas.IllegalDocument, match="migration.status is no migration-status"):
+        documents_.check(succeeded=True)
+
+
+def test_content_list_is_judged_when_the_run_has_accepted_it(tmp_path):
+    (tmp_path / ".agent").mkdir()
+    (tmp_path / ".agent" / "list").write_bytes(b"<contentlist/>")
+    documents_ = schemas.Documents(["tallowick", "--get-content", f"--agent-dir={tmp_path}"], "/")
+    documents_.check(succeeded=False)
+    with pytest.raises(schemas.IllegalDocument, match="no contentlist-accepted"):
+        documents_.check(succeeded=True)
