@@ -128,6 +128,11 @@ def lost(place, action):
     return place.run(action, server=place.start_scripted(run=run))
 
 
+def lost_while_sending(place, action):
+    place.product.set_scout("#" * 20_000_000)
+    return place.run(action, server=place.start_scripted(run=lambda command: command.drop()))
+
+
 def lost_among_files(place, action):
     def run(command):
         if b"--get-content-list" not in command.command:
@@ -252,6 +257,7 @@ CAUSES = {
     sudo_refused: ["--send-scout", "--get-dumping-status", "--dump-all", "--get-content", "--remove-agent"],
     no_channel: ["--send-scout", "--dump-all"],
     lost: ["--send-scout", "--dump-all", "--get-content"],
+    lost_while_sending: ["--send-scout"],
     lost_among_files: ["--get-content"],
     status_not_placed: ["--send-scout", "--dump-all", "--remove-dumping-status"],
     scout_missing: ["--send-scout"],

@@ -118,8 +118,8 @@ def test_what_the_example_of_a_migration_repeats_is_what_the_table_advises(table
 
 
 @pytest.mark.parametrize("file, old, new, problem", [
-    ("commons/socket.h", "KORVA_ERROR_TAG(HostNotFound, ", 'KORVA_ERROR_TAG(NewTag, "%1%")\nKORVA_ERROR_TAG(HostNotFound, ',
-     "NewTag has no row"),
+    ("commons/socket.h", "KORVA_ERROR_TAG(HostNotFound, ",
+     'KORVA_ERROR_TAG(NewTag, "%1%")\nKORVA_ERROR_TAG(HostNotFound, ', "NewTag has no row"),
     ("commons/socket.h", "KORVA_ERROR_TAG(HostNotFound, ", "KORVA_ERROR_TAG(NoSuchHost, ", "NoSuchHost has no row"),
     ("xml/xml_errors.h", "KORVA_ERROR_TAG(tError_EmptyDoc, ", "NO_TAG(tError_EmptyDoc, ",
      "tError_EmptyDoc is not in the sources"),
