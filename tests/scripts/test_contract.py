@@ -157,14 +157,11 @@ def test_status_that_the_driver_gives_to_another_tag_changes_the_table(tree, tab
 
 
 def test_manual_page_names_every_tag_of_the_table(table):
-    page = script("--roff").stdout
+    page = (TOP / "doc" / "man" / "tallowick.8").read_text(encoding="utf-8")
     assert page.count(".TS\n") == page.count(".TE\n") == 1
     for row in table["rows"]:
-        assert f"\\fB{row['innermost'] or row['logged'] or 'no tag'}\\fP" in page
-        assert row["sentence"].replace("-", "\\-") in page
-    run = subprocess.run(["groff", "-t", "-man", "-ww", "-Tutf8", "-rLL=80n"], input=f".TH t 8\n.SH s\n{page}",
-                         capture_output=True, text=True, check=True)
-    assert run.stderr == ""
+        assert f".It Sy {row['innermost'] or row['logged'] or 'no tag'}\n" in page
+        assert row["sentence"].replace("-", "\\-") in page.replace("\n", " ")
 
 
 def test_document_has_a_line_for_every_cause(table):
