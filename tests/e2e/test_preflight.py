@@ -124,18 +124,24 @@ def without_program(path):
 
 @contextlib.contextmanager
 def changed(path, change):
-    """A file whose text is `change` of what it was, with its owner and mode, for the time of the scope."""
+    """A file whose text is `change` of what it was, with its owner and mode, for the time of the scope. Runs of other
+    tests go on beside it, as the login MOVER: what is changed must be nothing of theirs, and never half there."""
     path = pathlib.Path(path)
     before, stat = (path.read_bytes(), path.stat()) if path.exists() else (None, None)
     text = change("" if before is None else before.decode())
-    write(path, text, 0o644 if stat is None else stat.st_mode & 0o7777)
+    mode = 0o644 if stat is None else stat.st_mode & 0o7777
+    replace(path, text, mode)
     try:
         yield path
     finally:
         if before is None:
             path.unlink()
         else:
-            write(path, before, stat.st_mode & 0o7777)
+            replace(path, before, mode)
+
+
+def replace(path, content, mode):
+    os.replace(write(path.with_name(f"{path.name}.new"), content, mode), path)
 
 
 def tools_without(directory, *missing):
@@ -286,36 +292,36 @@ def test_perl_that_cannot_do_what_agents_need(workspace, fake, state):
     ("[ -z \"$PS1\" ] || echo Welcome", "ok")],
     ids=["standard output", "an empty line", "standard error", "interactive shells only"])
 def test_noise_of_the_login_shell(preflight, plain_server, line, state):
-    with changed(MOVER.home / ".bashrc", lambda text: f"{line}\n"):
-        assert preflight(plain_server).state("login-noise") == state
-        assert by_hand(MOVER).state("login-noise") == state
+    with changed(PLAIN.home / ".bashrc", lambda text: f"{line}\n"):
+        assert preflight(plain_server, PLAIN).state("login-noise") == state
+        assert by_hand(PLAIN).state("login-noise") == state
 
 
 def test_noise_is_shown_as_plain_text(preflight, plain_server):
-    with changed(MOVER.home / ".bashrc", lambda text: "printf '\\033[31mRed\\n\\302\\233two\\n'\n"):
-        findings = preflight(plain_server)
+    with changed(PLAIN.home / ".bashrc", lambda text: "printf '\\033[31mRed\\n\\302\\233two\\n'\n"):
+        findings = preflight(plain_server, PLAIN)
     assert findings.of("login-noise")[1].endswith(": ?[31mRed ??two ")
 
 
 def test_file_that_the_server_runs_before_each_command_is_a_warning(preflight, plain_server):
-    make_dir(MOVER.home / ".ssh")
+    make_dir(PLAIN.home / ".ssh")
     try:
-        write(MOVER.home / ".ssh/rc", "")
-        findings = preflight(plain_server)
+        write(PLAIN.home / ".ssh/rc", "")
+        findings = preflight(plain_server, PLAIN)
         assert ("warning", "login-noise") in [line[:2] for line in findings.lines]
     finally:
-        remove_tree(MOVER.home / ".ssh")
+        remove_tree(PLAIN.home / ".ssh")
 
 
 @pytest.mark.parametrize("shell, state", [
     ("/bin/rbash", "problem"), ("/usr/sbin/nologin", "problem"), ("/bin/dash", "ok")])
 def test_login_shell_must_run_commands_as_they_are(shell, state):
     def change(text):
-        return "\n".join(":".join([*line.split(":")[:6], shell]) if line.startswith("mover:") else line
+        return "\n".join(":".join([*line.split(":")[:6], shell]) if line.startswith("plain:") else line
                          for line in text.splitlines()) + "\n"
 
     with changed("/etc/passwd", change):
-        assert by_hand(MOVER).state("login-shell") == state
+        assert by_hand(PLAIN).state("login-shell") == state
 
 
 # ---- sudo ----
@@ -367,7 +373,7 @@ def test_host_without_sudo_and_sudo_that_is_broken(workspace):
     assert (state, text.endswith("unable to change to root gid")) == ("problem", True)
 
 
-@pytest.mark.parametrize("account, password", [(MOVER, "*"), (ROOT, "!"), (MOVER, "")])
+@pytest.mark.parametrize("account, password", [(PLAIN, "*"), (ROOT, "!"), (PLAIN, "")])
 def test_login_whose_password_nobody_can_give(account, password):
     def change(text):
         return "\n".join(":".join([account.login, password, *line.split(":")[2:]])
