@@ -2,6 +2,7 @@
 """examples/fleet: twenty source hosts at once, what comes of each, and what another round repeats."""
 
 import csv
+import json
 import os
 import re
 import subprocess
@@ -21,6 +22,7 @@ from harness.tcp import TcpServer, hang_up
 
 FLEET = SOURCE_ROOT / "examples" / "fleet"
 DOCUMENT = SOURCE_ROOT / "doc" / "fleet.md"
+CONTRACT = SOURCE_ROOT / "doc" / "contract.json"
 ROOT = ACCOUNTS["root"]
 HANGS_AFTER_S = 120
 
@@ -232,6 +234,23 @@ def test_cause_of_a_failed_step_decides(fleet, action, document, tag, again):
     ended = fleet.run(action, "--agent-dir=/a", "--agent-name=a b $c", OVN_PASSWORD=MOVER.password)
     assert ended.status == (1 if again else 2)
     assert ended.of("127.0.0.2") == f"failed with {tag}: see {session}/{document}" + again * " (again)"
+
+
+def test_causes_are_repeated_for_which_the_contract_table_has_hope(fleet):
+    advice = {}
+    for row in json.loads(CONTRACT.read_text(encoding="utf-8"))["rows"]:
+        if row["status"] == 2:
+            advice.setdefault(row["innermost"], set()).add(row["retry"])
+    write(fleet.program, (
+        "#!/bin/sh\nfor each; do\n  case $each in\n    --host=*) tag=${each#*=} ;;\n"
+        "    --session-path=*) session=${each#*=} ;;\n  esac\ndone\n"
+        "mkdir -p \"$session\"\necho \"<message code=\\\"$tag\\\"/>\" >\"$session/migration.result\"\nexit 2\n"), 0o755)
+    fleet.write_list(advice)
+    ended = fleet.run("--dump-all", OVN_PASSWORD=MOVER.password)
+    hopeful = {tag for tag, retries in advice.items() if retries <= {"now", "later"}}
+    assert {"ConnectionRefused", "SshConnectionFault"} <= hopeful < set(advice)
+    # A server that grants no channel has MaxSessions 0, as a rule; the document says so.
+    assert {tag for tag in advice if ended.of(tag).endswith(" (again)")} == hopeful - {"InvalidHandle"}
 
 
 def test_options_of_the_action_are_read_by_no_shell(fleet):
