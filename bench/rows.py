@@ -251,7 +251,7 @@ class Bench:
             _Fetch(self, content, 0, _TMPFS, LD_PRELOAD=str(self._binaries / "read_size.so"), READ_SIZE_FILE=str(file))
             content.remove()
             self._read_size = int(file.read_text())
-            self._tell(f"reads of {self._read_size} bytes")
+            self._tell(f"floor: reads of {self._read_size} bytes")
         return self._read_size
 
     def _passes(self, full, quick):
