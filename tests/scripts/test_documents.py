@@ -22,9 +22,10 @@ SOURCE_SUFFIXES = (".c", ".cmake", ".cpp", ".h", ".json", ".md", ".pl", ".pm", "
 
 
 def is_kept(path):
-    """Whether a file belongs to the tree, and is not made by building or testing it."""
+    """Whether a file belongs to the tree: it is not made by building or testing it, nor something of git or an editor."""
     parts = path.relative_to(TOP).parts
-    return parts[0] not in ("build", ".git", ".cache") and not {"__pycache__", ".pytest_cache"} & set(parts)
+    hidden = parts[0].startswith(".") and parts[0] != ".ci" and (TOP / parts[0]).is_dir()
+    return not hidden and parts[0] != "build" and not {"__pycache__", ".pytest_cache"} & set(parts)
 
 
 @functools.cache
