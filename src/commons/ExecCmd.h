@@ -10,6 +10,7 @@
 
 namespace korva {
 
+/// What a command line is made for; not copied.
 class CmdLine {
   public:
     CmdLine() = default;

@@ -25,6 +25,7 @@ class ExInfoVisitor {
     virtual void setSeverity(int /*severity*/) {}
 };
 
+/// What can be copied without its type being known.
 class Cloneable {
   public:
     virtual ~Cloneable() = default;
@@ -32,6 +33,7 @@ class Cloneable {
     virtual Cloneable* clone() const = 0;
 };
 
+/// What tells its parts to a visitor.
 class ExVisitable {
   public:
     virtual ~ExVisitable() = default;

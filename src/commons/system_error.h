@@ -32,7 +32,7 @@ class ExSystemError : public SystemError {
     }
 };
 
-/// Throws ExSystemError<code> for EPERM, ENOENT, EINTR, EAGAIN and ECHILD, else a SystemError.
+/// Throws `ExSystemError<code>` for EPERM, ENOENT, EINTR, EAGAIN and ECHILD, else a SystemError.
 [[noreturn]] void throwSystemError(const std::string& message, int code);
 
 }  // namespace korva

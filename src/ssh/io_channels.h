@@ -16,6 +16,7 @@ class IOReadChannel {
     virtual int read(char* buffer, unsigned size) = 0;
 };
 
+/// The bytes of a stream.
 class IOStreamReadChannel : public IOReadChannel {
   public:
     explicit IOStreamReadChannel(std::istream& stream) : stream_(stream) {}
@@ -35,6 +36,7 @@ class IOWriteChannel {
     virtual int write(const char* buffer, unsigned size) = 0;
 };
 
+/// Puts bytes into a stream.
 class IOStreamWriteChannel : public IOWriteChannel {
   public:
     explicit IOStreamWriteChannel(std::ostream& stream) : stream_(stream) {}

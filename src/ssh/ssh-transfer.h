@@ -34,6 +34,7 @@ class Ssh {
         /// `bytes`: the size of the next piece, 1 to 65536.
         virtual void operator()(int bytes) = 0;
     };
+    /// Counts nothing.
     class NullCounter : public Counter {
       public:
         void operator()(int /*bytes*/) override {}
