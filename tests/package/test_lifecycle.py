@@ -4,6 +4,7 @@
 import os
 import pathlib
 import re
+import shutil
 import subprocess
 
 import pytest
@@ -27,6 +28,7 @@ def next_version(version_of):
 def test_a_whole_migration_succeeds_with_the_installed_program(machine, package):
     machine.install(package)
     place = TOP / "build/package/migration"
+    shutil.rmtree(place, ignore_errors=True)
     place.mkdir()
     said = run(TOP / "scripts/lib/demo-inside", "1", "/usr/sbin/tallowick", "/usr/share/doc/tallowick/examples", place,
                cwd=TOP)
