@@ -1,4 +1,4 @@
-# shellcheck shell=bash
+# shellcheck shell=bash disable=SC2154 # what demo-inside sets
 # SPDX-License-Identifier: Apache-2.0
 #
 # Sourced by demo-inside: the two hosts of the demo, which are one machine, and what is done to them by hand.
@@ -32,7 +32,9 @@ start_source_host() { # MEBIBYTES
 
 install_product() {
     mkdir -p /usr/local/ovn/DVX/tmp "$small_disk"
-    cp -R conf/log4cpp.properties examples/scout.pl examples/agents /usr/local/ovn/DVX
+    # What a package has put there is what is to be shown.
+    [ -e /usr/local/ovn/DVX/log4cpp.properties ] || cp conf/log4cpp.properties /usr/local/ovn/DVX
+    cp -R "$examples/scout.pl" "$examples/agents" /usr/local/ovn/DVX
     echo 'PRODUCT_ROOT_D /usr/local/ovn' >/etc/ovn/ovn.conf
     mount -t tmpfs -o size=64k tallowick "$small_disk"
 }
@@ -45,7 +47,7 @@ on_source_host() { # COMMAND...
 make_waiting_dump() {
     rm -rf "$agent"
     mkdir "$agent"
-    cp -R examples/agents/shared/lib examples/agents/SampleHosting/{bin,lib} "$agent"
+    cp -R "$examples"/agents/shared/lib "$examples"/agents/SampleHosting/{bin,lib} "$agent"
     chown -R mover: "$agent"
     on_source_host perl "$agent/bin/agent.pl" --migration-mode --dump-domains=shop.example
 }

@@ -35,7 +35,7 @@ describe() { # STEP
         dump-file)
             title='Dump what a file selects, through sudo'
             words=(--dump-selected "${connect[@]}" "${with_agent[@]}"
-                --selected-objects-file=examples/selected-objects.xml)
+                "--selected-objects-file=$examples/selected-objects.xml")
             through_sudo ;;
         dump-lists)
             title='Dump what lists on the command line select: a client, and one more domain'
@@ -163,7 +163,7 @@ inspect_scout() { # ACCOUNT
 
 inspect_agent() {
     local tree file files=0
-    for tree in examples/agents/shared examples/agents/SampleHosting; do
+    for tree in "$examples/agents/shared" "$examples/agents/SampleHosting"; do
         while IFS= read -r file; do
             cmp -s "$tree/$file" "$agent/$file" || { echo "$agent/$file is not what was sent"; return 1; }
             files=$((files + 1))

@@ -13,6 +13,10 @@ packages_of() { # GROUP
             echo python3 python3-pytest python3-paramiko openssh-server openssh-client dropbear-bin sudo \
                 perl iproute2 util-linux dash bash libxml2-utils procps \
                 mandoc man-db groff-base shellcheck parallel busybox python3-lxml ;;
+        package)
+            echo debhelper dpkg-dev lintian ;;
+        doc)
+            echo doxygen ;;
         tools)
             echo clang clang-tidy clang-format ;;
         fuzz)
