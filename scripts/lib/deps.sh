@@ -8,10 +8,10 @@ packages_of() { # GROUP
     case $1 in
         build)
             echo g++ cmake ninja-build ccache pkg-config libssh2-1-dev libssl-dev zlib1g-dev libxml2-dev libidn-dev \
-                liblog4cpp5-dev libboost-dev libgtest-dev libgmock-dev ;;
+                liblog4cpp5-dev libncurses-dev libboost-dev libgtest-dev libgmock-dev ;;
         test)
             echo python3 python3-pytest python3-paramiko openssh-server openssh-client dropbear-bin sudo \
-                perl iproute2 util-linux dash bash libxml2-utils procps ;;
+                perl iproute2 util-linux dash bash libxml2-utils procps python3-pyte ;;
         tools)
             echo clang clang-tidy clang-format ;;
         fuzz)
