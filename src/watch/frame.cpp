@@ -5,7 +5,6 @@
 #include "watch/quantities.h"
 
 #include <algorithm>
-#include <climits>
 #include <utility>
 
 namespace korva {
@@ -224,6 +223,8 @@ void Composer::fetching(const TransferStatus& transfer) {
     }
     if (const auto left = timeLeft(transfer, moment_.rate)) {
         field(kChief, "Time left", formatDuration(*left));
+    } else if (moment_.rate == 0 && transfer.sizeLeft.value_or(0) > 0) {
+        field(kChief, "Time left", "unknown while nothing comes", Style::kWarning);
     }
     currentFile(transfer);
 }
@@ -258,7 +259,8 @@ void Composer::dumper() {
     }
     const DumperStatus& status = *snapshot_.dumper.content;
     if (!situation_.dumperIsCurrent) {
-        field(kDetail, "Dumper", dumperText(status) + " (an earlier dump)", Style::kDim);
+        const bool isFetched = isTransfer(*situation_.status);
+        field(kDetail, "Dumper", dumperText(status) + (isFetched ? "" : " (an earlier dump)"), Style::kDim);
         return;
     }
     blank();
@@ -296,7 +298,9 @@ void Composer::ended(const Document<Outcome>& outcome) {
     if (known) {
         messages(*outcome.content, outcome.name);
     }
-    if (success && snapshot_.dumper.content) {
+    if (success && snapshot_.dumper.content &&
+        snapshot_.dumper.content->state == DumperStatus::State::kFinished) {
+        blank();
         field(kDetail, "Dumper", dumperText(*snapshot_.dumper.content), Style::kDim);
     }
 }
@@ -328,10 +332,11 @@ void Composer::messages(const Outcome& outcome, const std::string& name) {
 void Composer::message(const ResultMessage& message, bool isCause) {
     const Style style = message.isWarning ? Style::kWarning : isCause ? Style::kBad : Style::kStrong;
     const std::string code = message.code.empty() ? "without a code" : message.code;
-    const std::string label = isCause ? (message.isWarning ? "Warning" : "Cause") : "led to";
+    const std::string label = isCause ? (message.isWarning ? "Warning" : "Cause") : "Led to";
     field(isCause ? kEssential : kUseful, label, code, style);
     if (!message.id.empty()) {
-        field(isCause ? kChief : kDetail, "", "id " + message.id, Style::kDim);
+        const Rank rank = isCause ? kChief : kDetail;
+        paragraph(rank, rank, "", "id " + message.id, Style::kDim);
     }
     paragraph(isCause ? kEssential : kDetail, isCause ? kUseful : kDetail, "", message.description,
               Style::kPlain);

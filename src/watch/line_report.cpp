@@ -189,7 +189,9 @@ std::vector<std::string> LineReport::update(const Snapshot& snapshot, const Mome
     if (silence > std::chrono::seconds(0)) {
         lines.front() += ", no update for " + std::to_string(silence.count()) + " s";
     }
-    lines.front() += problems(snapshot);
+    if (situation.phase != Situation::Phase::kEnded) {
+        lines.front() += problems(snapshot);
+    }
     for (std::string& line : lines) {
         line = toTerminalText(moment.clock + " " + line, charset_);
     }

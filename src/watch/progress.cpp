@@ -57,7 +57,7 @@ std::string activityOf(const RunStatus& status) {
         case RunStatus::State::kTranslating:
             return "translating the dump";
         case RunStatus::State::kDeploying:
-            return with("deploying accounts and domains", "now", status.deployment.currentObject);
+            return with("deploying accounts and domains", "at", status.deployment.currentObject);
         case RunStatus::State::kUnknown:
             break;
     }

@@ -4,7 +4,6 @@
 #include <algorithm>
 #include <array>
 #include <cstddef>
-#include <cstdio>
 
 namespace korva {
 namespace {
@@ -19,28 +18,32 @@ std::size_t unitFor(std::int64_t bytes) {
     return unit;
 }
 
-std::string inUnit(std::int64_t bytes, std::size_t unit) {
-    if (unit == 0) {
-        return std::to_string(bytes);
+bool hasTenths(std::int64_t bytes, std::size_t unit) {
+    return unit > 0 && bytes >> (10 * unit) < 100;
+}
+
+// Rounded down: 99.96 of 100 is not 100 of it.
+std::string inUnit(std::int64_t bytes, std::size_t unit, bool tenths) {
+    const std::size_t shift = 10 * unit;
+    std::string text = std::to_string(bytes >> shift);
+    if (tenths) {
+        const std::int64_t rest = bytes & ((std::int64_t{1} << shift) - 1);
+        text += "." + std::to_string(rest / 16 * 10 >> (shift - 4));  // sixteenths, lest it overflow
     }
-    const double value = static_cast<double>(bytes) / static_cast<double>(std::int64_t{1} << (10 * unit));
-    std::array<char, 32> text;
-    // snprintf would round up what is not complete: 99.96 of 100 is not 100.0 of it.
-    const double tenths = static_cast<double>(static_cast<std::int64_t>(value * 10)) / 10;
-    std::snprintf(text.data(), text.size(), value < 100 ? "%.1f" : "%.0f", value < 100 ? tenths : value);
-    return text.data();
+    return text;
 }
 
 }  // namespace
 
 std::string formatBytes(std::int64_t bytes) {
     const std::size_t unit = unitFor(bytes);
-    return inUnit(bytes, unit) + " " + kUnits[unit];
+    return inUnit(bytes, unit, hasTenths(bytes, unit)) + " " + kUnits[unit];
 }
 
 std::string formatBytesOf(std::int64_t bytes, std::int64_t total) {
     const std::size_t unit = unitFor(total);
-    return inUnit(bytes, unit) + " of " + inUnit(total, unit) + " " + kUnits[unit];
+    const bool tenths = hasTenths(total, unit);
+    return inUnit(bytes, unit, tenths) + " of " + inUnit(total, unit, tenths) + " " + kUnits[unit];
 }
 
 std::string formatDuration(std::chrono::seconds duration) {

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "watch/progress.h"
 #include "watch/quantities.h"
+
+#include "watch/progress.h"
 #include "watch/rate_meter.h"
 
 #include <gtest/gtest.h>

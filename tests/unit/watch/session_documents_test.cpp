@@ -80,8 +80,8 @@ TEST(ParseRunStatus, HalfADocumentIsAnError) {
 
 TEST(ParseRunStatus, TextsAreCutToABearableLength) {
     const std::string name(1'000'000, 'x');
-    const RunStatus status =
-        parseRunStatus("<migration-status><agent action='wait'><host>" + name + "</host></agent></migration-status>");
+    const RunStatus status = parseRunStatus("<migration-status><agent action='wait'><host>" + name +
+                                            "</host></agent></migration-status>");
     EXPECT_LT(status.host.size(), 10'000U);
 }
 
@@ -145,7 +145,8 @@ TEST(ParseDumperStatus, ReadsWhatTheKnownAgentWrites) {
 
 TEST(ParseDumperStatus, WhatAnotherAgentWritesIsShownAsItComes) {
     EXPECT_EQ(parseDumperStatus("<!-- new --><progress done='3'>mail of <b/>x</progress>").message, "b");
-    EXPECT_EQ(parseDumperStatus("<progress done='3' of='7'>mail</progress>").message, "progress done=3 of=7: mail");
+    EXPECT_EQ(parseDumperStatus("<progress done='3' of='7'>mail</progress>").message,
+              "progress done=3 of=7: mail");
     EXPECT_EQ(parseDumperStatus("<dumping-status><resting until='5'/></dumping-status>").message,
               "resting until=5");
 }
