@@ -10,7 +10,7 @@
 namespace korva {
 namespace {
 
-constexpr int kLabelColumns = 10;  // with the margin
+constexpr int kLabelColumns = 11;  // with the margin
 constexpr int kWidestBar = 44;
 constexpr std::chrono::seconds kLong(10);  // without a word of a run
 
@@ -36,6 +36,7 @@ class Composer {
     struct RankedRow {
         Row spans;
         Rank rank;
+        bool goes = false;
     };
 
     void row(Rank rank, Row spans);
@@ -88,11 +89,11 @@ void Composer::row(Rank rank, Row spans) {
         room -= columnsOf(text);
         clean.push_back({std::move(text), span.style});
     }
-    rows_.push_back({std::move(clean), rank});
+    rows_.push_back({std::move(clean), rank, false});
 }
 
 void Composer::blank() {
-    rows_.push_back({{}, kOrnament});
+    rows_.push_back({{}, kOrnament, false});
 }
 
 void Composer::field(Rank rank, const std::string& label, const std::string& text, Style style) {
@@ -351,12 +352,17 @@ void Composer::problem(const Document<T>& document) {
 
 void Composer::fit(int rows) {
     const auto limit = static_cast<std::size_t>(std::max(rows, 0));
-    while (rows_.size() > limit) {
-        // The last one of the least important.
-        const auto least = std::max_element(rows_.rbegin(), rows_.rend(),
-                                            [](const auto& a, const auto& b) { return a.rank < b.rank; });
-        rows_.erase(std::next(least).base());
+    std::size_t excess = rows_.size() - std::min(limit, rows_.size());
+    for (int rank = kOrnament; rank >= kEssential; --rank) {
+        // From the bottom: what stands above explains what stands below.
+        for (auto row = rows_.rbegin(); row != rows_.rend() && excess > 0; ++row) {
+            if (row->rank == rank) {
+                row->goes = true;
+                --excess;
+            }
+        }
     }
+    std::erase_if(rows_, [](const RankedRow& row) { return row.goes; });
 }
 
 Frame Composer::take() {

@@ -7,7 +7,7 @@
 
 namespace korva {
 
-/// "512 B", "1.2 KiB", "340 MiB".
+/// "512 B", "1.2 KiB", "340 MiB", rounded down.
 std::string formatBytes(std::int64_t bytes);
 
 /// What there is of a total, in the unit of the total: "0.4 of 1.2 GiB".

@@ -2,21 +2,25 @@
 #include "watch/terminal.h"
 
 #include <curses.h>
+#include <unistd.h>
 
+#include <cstdint>
 #include <cstdio>
-#include <string>
 #include <tuple>
 #include <utility>
-
-// X/Open's header names the capabilities of a terminal in macros that hit names of ours.
-extern "C" char* tigetstr(const char* name);
 
 namespace korva {
 namespace {
 
 SCREEN* theScreen = nullptr;
 
-enum Colours : short { kGreen = 1, kYellow, kRed, kCyan, kGrey };
+// What is redirected to standard input is not meant for this program.
+FILE* keys() {
+    FILE* const none = isatty(STDIN_FILENO) == 1 ? nullptr : std::fopen("/dev/null", "re");
+    return none != nullptr ? none : stdin;
+}
+
+enum Colours : short { kGreen = 1, kYellow, kRed, kCyan };
 
 void prepareColours() {
     if (!has_colors() || start_color() == ERR) {
@@ -24,12 +28,10 @@ void prepareColours() {
     }
     const bool hasDefault = use_default_colors() != ERR;
     const auto background = static_cast<short>(hasDefault ? -1 : COLOR_BLACK);
-    constexpr short kBright = 8;  // and above: black as grey
     init_pair(kGreen, COLOR_GREEN, background);
     init_pair(kYellow, COLOR_YELLOW, background);
     init_pair(kRed, COLOR_RED, background);
     init_pair(kCyan, COLOR_CYAN, background);
-    init_pair(kGrey, COLORS > kBright ? kBright : COLOR_WHITE, background);
 }
 
 chtype attributesOf(Style style) {
@@ -38,7 +40,7 @@ chtype attributesOf(Style style) {
     };
     switch (style) {
         case Style::kDim:
-            return has_colors() ? coloured(kGrey) : A_DIM;
+            return A_DIM;  // a grey of its own would be the background of some users
         case Style::kStrong:
             return A_BOLD;
         case Style::kTitle:
@@ -62,14 +64,13 @@ chtype attributesOf(Style style) {
 }  // namespace
 
 std::unique_ptr<Terminal> Terminal::take() {
-    theScreen = newterm(nullptr, stdout, stdin);
+    theScreen = newterm(nullptr, stdout, keys());
     if (theScreen == nullptr) {
         return nullptr;
     }
     std::unique_ptr<Terminal> terminal(new Terminal);
-    std::string capability = "cup";
-    const char* const moves = tigetstr(capability.c_str());
-    if (moves == nullptr || moves == reinterpret_cast<const char*>(-1)) {
+    const char* const moves = tigetstr("cup");  // the capability to move the cursor
+    if (moves == nullptr || reinterpret_cast<std::intptr_t>(moves) == -1) {
         return nullptr;
     }
     cbreak();

@@ -3,11 +3,10 @@
 
 #include <boost/locale/utf.hpp>
 
-#include <wchar.h>
-
 #include <algorithm>
 #include <array>
 #include <cstddef>
+#include <cwchar>
 #include <iterator>
 
 namespace korva {

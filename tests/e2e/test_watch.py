@@ -247,6 +247,18 @@ def restored(screen):
             raw.rfind(b"\x1b[?25h") > raw.rfind(b"\x1b[?25l"))
 
 
+def test_redirected_input_is_not_taken_for_keys(watch, recorded, workspace):
+    typed = workspace / "input"
+    typed.write_bytes(b"qqq")
+    screen = watch.on_terminal(recorded.path, stdin=typed)
+    screen.shows("No run has told anything")
+    recorded.golden("migration.status", "migration-status-agent-wait")
+    screen.shows("waiting for the agent")
+    screen.signal(signal.SIGTERM)
+    assert screen.wait() == -signal.SIGTERM
+    assert restored(screen)
+
+
 @pytest.mark.parametrize("end, status", [
     (lambda screen: screen.press(b"q"), 0),
     (lambda screen: screen.press(b"\x03"), -signal.SIGINT),

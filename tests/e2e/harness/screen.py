@@ -18,14 +18,23 @@ from harness.program import HANGS_AFTER_S
 from harness.waiting import wait_until
 
 
+class _Screen(pyte.Screen):
+    """Knows faint text, which pyte does not: as that of the colour "brightblack"."""
+
+    def select_graphic_rendition(self, *attributes, **options):
+        super().select_graphic_rendition(*attributes, **options)
+        if 2 in attributes and not {38, 48} & set(attributes):
+            self.cursor.attrs = self.cursor.attrs._replace(fg="brightblack")
+
+
 class Terminal:
     """Runs a command on a terminal of `columns` x `rows` until it ends; what it writes is shown on a screen that
-    a test can read. `raw` is everything that it has written."""
+    a test can read. `raw` is everything that it has written; `stdin` is a file in place of the keyboard."""
 
-    def __init__(self, command, environment, columns=80, rows=24, cwd="/", term="xterm-256color"):
+    def __init__(self, command, environment, columns=80, rows=24, cwd="/", term="xterm-256color", stdin=None):
         self.raw = bytearray()
         self._lock = threading.Lock()
-        self._screen = pyte.Screen(columns, rows)
+        self._screen = _Screen(columns, rows)
         self._stream = pyte.ByteStream(self._screen)
         self._status = None
         self.pid, self._fd = pty.fork()
@@ -33,6 +42,8 @@ class Terminal:
             try:
                 fcntl.ioctl(0, termios.TIOCSWINSZ, _size(columns, rows))
                 os.chdir(cwd)
+                if stdin is not None:
+                    os.dup2(os.open(stdin, os.O_RDONLY), 0)
                 os.execve(command[0], command, {**environment, "TERM": term})
             finally:
                 os._exit(127)

@@ -18,9 +18,9 @@ class Watch:
         self._binary = binary
         self._terminals = []
 
-    def on_terminal(self, directory, columns=80, rows=24, *, term="xterm-256color", **variables):
-        """Watches on a terminal of its own."""
-        terminal = Terminal([self._binary, str(directory)], environment(**variables), columns, rows, term=term)
+    def on_terminal(self, directory, columns=80, rows=24, *, term="xterm-256color", stdin=None, **variables):
+        """Watches on a terminal of its own; `stdin` is a file in place of its keyboard."""
+        terminal = Terminal([self._binary, str(directory)], environment(**variables), columns, rows, term=term, stdin=stdin)
         self._terminals.append(terminal)
         return terminal
 

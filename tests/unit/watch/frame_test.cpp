@@ -154,7 +154,7 @@ TEST_F(FrameOf, SuccessIsToldWithItsWarnings) {
     outcome.chains = {{{"Odd", "", true, "odd but so"}}};
     write(snapshot.result, outcome, at(-4));
     EXPECT_THAT(screen(),
-                AllOf(HasSubstr("SUCCESS  4 s ago"), HasSubstr("Warning  Odd"), HasSubstr("odd but so")));
+                AllOf(HasSubstr("SUCCESS  4 s ago"), HasSubstr("Warning   Odd"), HasSubstr("odd but so")));
 }
 
 TEST_F(FrameOf, ADumpHasTheObjectsOfTheDumper) {
@@ -194,7 +194,9 @@ TEST_F(FrameOf, NothingFromAFileReachesTheTerminalAsItCame) {
     snapshot.directory = "/\x1B]0;title\x07";
     snapshot.status.content->host = "\x1B[2J\u202Ehost";
     snapshot.status.content->transfer.currentFile = "a\x9B\nb\u2066";
-    write(snapshot.dumper, DumperStatus{.message = "\x1B[31m"}, at(0));
+    DumperStatus dumper;
+    dumper.message = "\x1B[31m";
+    write(snapshot.dumper, dumper, at(0));
     fail();
     snapshot.transferResult.content->chains[0][0] = {
         "\x1B"
@@ -221,12 +223,11 @@ TEST_F(FrameOf, AnySizeWillDo) {
             snapshot.status.exists = false;
             snapshot.status.content.reset();
         }
-        for (int columns = -1; columns < 60; ++columns) {
-            for (int rows = -1; rows < 30; ++rows) {
+        for (const int columns : {-1, 0, 1, 2, 5, 10, 11, 12, 13, 19, 20, 36, 37, 40, 59, 1000}) {
+            for (const int rows : {-1, 0, 1, 2, 3, 5, 9, 30, 1000}) {
                 screen(columns, rows);
             }
         }
-        screen(1000, 1000);
     }
 }
 

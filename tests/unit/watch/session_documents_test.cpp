@@ -6,6 +6,7 @@
 
 #include <gtest/gtest.h>
 
+#include <filesystem>
 #include <string>
 
 namespace korva {
@@ -15,7 +16,7 @@ using test::readFile;
 using State = RunStatus::State;
 
 std::string golden(const std::string& name) {
-    return readFile(std::string(GOLDEN_DIR) + "/" + name + ".xml");
+    return readFile((std::filesystem::path(GOLDEN_DIR) / name).concat(".xml").string());
 }
 
 TEST(ParseRunStatus, KnowsEveryStateThatIsWritten) {
@@ -79,9 +80,9 @@ TEST(ParseRunStatus, HalfADocumentIsAnError) {
 }
 
 TEST(ParseRunStatus, TextsAreCutToABearableLength) {
-    const std::string name(1'000'000, 'x');
-    const RunStatus status = parseRunStatus("<migration-status><agent action='wait'><host>" + name +
-                                            "</host></agent></migration-status>");
+    std::string text = "<migration-status><agent action='wait'><host>";
+    text.append(1'000'000, 'x').append("</host></agent></migration-status>");
+    const RunStatus status = parseRunStatus(text);
     EXPECT_LT(status.host.size(), 10'000U);
 }
 
@@ -119,7 +120,8 @@ TEST(ParseOutcome, ManyMessagesAreCountedOnly) {
     for (int number = 0; number < 1000; ++number) {
         text += "<message/>";
     }
-    const Outcome outcome = parseOutcome(text + "</execution-result>");
+    text += "</execution-result>";
+    const Outcome outcome = parseOutcome(text);
     EXPECT_EQ(outcome.chains.size() + outcome.leftOut, 1000U);
     EXPECT_LE(outcome.chains.size(), 100U);
 }
