@@ -83,13 +83,11 @@ std::string repeated(const char* text, int count) {
 // Whatever is in a row went through here, so that no text gets to the terminal as it came.
 void Composer::row(Rank rank, Row spans) {
     int room = columns_;
-    Row clean;
     for (Span& span : spans) {
-        std::string text = clipEnd(this->clean(span.text), room, charset_);
-        room -= columnsOf(text);
-        clean.push_back({std::move(text), span.style});
+        span.text = clipEnd(clean(span.text), room, charset_);
+        room -= columnsOf(span.text);
     }
-    rows_.push_back({std::move(clean), rank, false});
+    rows_.push_back({std::move(spans), rank, false});
 }
 
 void Composer::blank() {
@@ -102,12 +100,11 @@ void Composer::field(Rank rank, const std::string& label, const std::string& tex
 
 void Composer::paragraph(Rank first, Rank others, const std::string& label, const std::string& text,
                          Style style) {
-    std::string lines = text;
     std::string heading = label;
     Rank rank = first;
-    for (std::size_t begin = 0; begin <= lines.size();) {
-        const std::size_t end = std::min(lines.find('\n', begin), lines.size());
-        const std::string line = clean(lines.substr(begin, end - begin));
+    for (std::size_t begin = 0; begin <= text.size();) {
+        const std::size_t end = std::min(text.find('\n', begin), text.size());
+        const std::string line = clean(text.substr(begin, end - begin));
         begin = end + 1;
         if (line.find_first_not_of(' ') == std::string::npos) {
             continue;
@@ -321,7 +318,7 @@ void Composer::messages(const Outcome& outcome, const std::string& name) {
         message(each, isCause);
         isCause = false;
     }
-    const std::int64_t more = static_cast<std::int64_t>(outcome.chains.size() - 1 + outcome.leftOut);
+    const auto more = static_cast<std::int64_t>(outcome.chains.size() - 1 + outcome.leftOut);
     if (more > 0) {
         blank();
         field(kUseful, "", "and " + counted(more, "more message") + " in " + name, Style::kWarning);

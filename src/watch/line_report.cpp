@@ -193,7 +193,8 @@ std::vector<std::string> LineReport::update(const Snapshot& snapshot, const Mome
         lines.front() += problems(snapshot);
     }
     for (std::string& line : lines) {
-        line = toTerminalText(moment.clock + " " + line, charset_);
+        line.insert(0, moment.clock + " ");
+        line = toTerminalText(line, charset_);
     }
     return lines;
 }
