@@ -8,11 +8,11 @@ packages_of() { # GROUP
     case $1 in
         build)
             echo g++ cmake ninja-build ccache pkg-config libssh2-1-dev libssl-dev zlib1g-dev libxml2-dev libidn-dev \
-                liblog4cpp5-dev libboost-dev libgtest-dev libgmock-dev ;;
+                liblog4cpp5-dev libncurses-dev libboost-dev libgtest-dev libgmock-dev ;;
         test)
             echo python3 python3-pytest python3-paramiko openssh-server openssh-client dropbear-bin sudo \
                 perl iproute2 util-linux dash bash libxml2-utils procps \
-                mandoc man-db groff-base shellcheck parallel busybox python3-lxml ;;
+                mandoc man-db groff-base shellcheck parallel busybox python3-lxml python3-pyte ;;
         package)
             echo debhelper dpkg-dev lintian ;;
         doc)

@@ -8,6 +8,7 @@
 e2e_tests() { # BUILD RELEASE_BUILD LOGS
     local status=0 logs=$3
     export TALLOWICK_BIN=$PWD/$1/tallowick TALLOWICK_PROBE_BIN=$PWD/$1/tests/ssh_probe
+    export TALLOWICK_WATCH_BIN=$PWD/$1/tallowick-watch
     export TALLOWICK_RELEASE_BIN=$PWD/$2/tallowick TALLOWICK_RELEASE_PROBE_BIN=$PWD/$2/tests/ssh_probe
     e2e_part 1/2 >"$logs/e2e-part-1.log" 2>&1 &
     e2e_part 2/2 >"$logs/e2e-part-2.log" 2>&1 || status=$?

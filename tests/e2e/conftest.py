@@ -17,8 +17,10 @@ from harness.product import Product, configure
 from harness.program import Program
 from harness.relay import Relay
 from harness.scripted import Script, ScriptedServer
+from harness.watch import Watch
 
-_PROGRAMS = ("TALLOWICK_BIN", "TALLOWICK_RELEASE_BIN", "TALLOWICK_PROBE_BIN", "TALLOWICK_RELEASE_PROBE_BIN")
+_PROGRAMS = ("TALLOWICK_BIN", "TALLOWICK_RELEASE_BIN", "TALLOWICK_PROBE_BIN", "TALLOWICK_RELEASE_PROBE_BIN",
+             "TALLOWICK_WATCH_BIN")
 
 
 def pytest_addoption(parser):
@@ -224,6 +226,14 @@ def tallowick_release(request, programs, workspace, product):
     program = Program(programs["TALLOWICK_RELEASE_BIN"], workspace)
     _explain(request, program.runs)
     return program
+
+
+@pytest.fixture
+def watch(programs):
+    """Starts tallowick-watch as `Watch` describes; it ends with the test."""
+    watch = Watch(programs["TALLOWICK_WATCH_BIN"])
+    yield watch
+    watch.close()
 
 
 @pytest.fixture

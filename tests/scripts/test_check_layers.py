@@ -21,6 +21,9 @@ SOUND = {
     "src/tallowick/main.cpp": '#include "xml/log.h"\n#include "agents/agent_spec.h"\n',
     "src/tallowick/CMakeLists.txt": "add_library(tallowick_core STATIC main.cpp)\n"
                                     "target_link_libraries(tallowick_core\n  PUBLIC korva_ssh korva_xml)\n",
+    "src/watch/terminal.cpp": '#include "xml/log.h"\n#include <curses.h>\n',
+    "src/watch/CMakeLists.txt": "target_link_libraries(korva_watch PUBLIC korva_xml)\n"
+                                "target_link_libraries(tallowick-watch PRIVATE korva_watch PkgConfig::NCURSESW)\n",
 }
 
 
@@ -57,6 +60,9 @@ def test_this_tree_passes(top):
     ("xml/log.h", "agents/agent_spec.h"),
     ("agents/agent_spec.h", "ssh/pump.h"),
     ("ssh/pump.cpp", "tallowick/driver.h"),
+    ("watch/frame.h", "ssh/pump.h"),
+    ("watch/frame.h", "tallowick/driver.h"),
+    ("tallowick/main.cpp", "watch/frame.h"),
     ("ssh/pump.cpp", "pump.h"),
     ("ssh/pump.cpp", "nowhere/pump.h"),
 ])
@@ -71,6 +77,8 @@ def test_an_include_that_leads_upwards_or_nowhere_is_named(check, user, used):
     ("commons/socket.cpp", "libssh2.h"),
     ("tallowick/main.cpp", "libssh2.h"),
     ("ssh/pump.cpp", "libxml/parser.h"),
+    ("watch/frame.h", "libxml/tree.h"),
+    ("tallowick/main.cpp", "curses.h"),
 ])
 def test_a_library_belongs_to_one_layer(check, user, header):
     status, output = check({f"src/{user}": f"#include <{header}>\n"})
@@ -84,6 +92,9 @@ def test_a_library_belongs_to_one_layer(check, user, header):
     ("korva_commons", "tallowick_core"),
     ("korva_xml", "PkgConfig::LIBSSH2"),
     ("tallowick_core", "LibXml2::LibXml2"),
+    ("tallowick", "PkgConfig::NCURSESW"),
+    ("korva_watch", "korva_ssh"),
+    ("tallowick-watch", "tallowick_core"),
     ("a_new_target", "korva_ssh"),
 ])
 def test_a_target_that_links_upwards_is_named(check, target, library):
