@@ -365,7 +365,8 @@ def called_with():
     first, arguments = (strings(re.search(rf"{name}\(.*?\n}}", selection, re.DOTALL)[0])
                         for name in ("DumperInput buildDumperInput", "void prepareDumpOptions"))
     transport = strings(re.search(r"void addRsyncTransport\(.*?\n}", selection, re.DOTALL)[0])
-    last = strings(source("tallowick/retrieve_dump.cpp"))
+    commands = source("tallowick/agent_commands.cpp")
+    last = strings(re.search(r"std::string dumperCommand\(.*?\n}", commands, re.DOTALL)[0])
     return [word for word in [*transport, *first, *arguments, *last] if word.startswith("--")]
 
 
@@ -380,8 +381,7 @@ def test_options_of_the_dumper_are_listed_in_their_order():
 
 def test_what_an_agent_is_asked_stands_in_its_page():
     headings = re.findall(r"^\.Ss (--.*)$", Page("tallowick-agent.7").source, re.MULTILINE)
-    asked = set(re.findall(r"--get-[a-z-]+", source("tallowick/send_agent.cpp") +
-                           source("tallowick/retrieve_content.cpp")))
+    asked = set(re.findall(r"--get-[a-z-]+", source("tallowick/agent_commands.cpp")))
     assert set(headings) == asked
 
 
@@ -396,7 +396,7 @@ def test_elements_and_attributes_of_the_content_list_are_described():
 
 def test_limits_of_the_content_list_are_those_of_the_sources():
     page = Page("tallowick-agent.7").section("HOW THE AGENT IS CALLED")
-    assert "kMaxListSize = std::size_t{16} << 20" in source("tallowick/retrieve_content.cpp")
+    assert "kMaxListSize = std::size_t{16} << 20" in source("tallowick/content_list.h")
     assert "kMostFiles = 500'000" in source("xml/xml_agent_file_list.cpp")
     assert "16 MiB and 500,000 files" in page
 
