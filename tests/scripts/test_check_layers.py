@@ -21,6 +21,9 @@ SOUND = {
     "src/tallowick/main.cpp": '#include "xml/log.h"\n#include "agents/agent_spec.h"\n',
     "src/tallowick/CMakeLists.txt": "add_library(tallowick_core STATIC main.cpp)\n"
                                     "target_link_libraries(tallowick_core\n  PUBLIC korva_ssh korva_xml)\n",
+    "src/agent_check/main.cpp": '#include "tallowick/agent_commands.h"\n#include "xml/xml_scan.h"\n',
+    "src/agent_check/CMakeLists.txt": "target_link_libraries(agent_check_core PUBLIC tallowick_core)\n"
+                                      "target_link_libraries(tallowick-agent-check PRIVATE agent_check_core)\n",
 }
 
 
@@ -57,6 +60,8 @@ def test_this_tree_passes(top):
     ("xml/log.h", "agents/agent_spec.h"),
     ("agents/agent_spec.h", "ssh/pump.h"),
     ("ssh/pump.cpp", "tallowick/driver.h"),
+    ("tallowick/main.cpp", "agent_check/report.h"),
+    ("agent_check/main.cpp", "ssh/pump.h"),
     ("ssh/pump.cpp", "pump.h"),
     ("ssh/pump.cpp", "nowhere/pump.h"),
 ])
@@ -84,6 +89,8 @@ def test_a_library_belongs_to_one_layer(check, user, header):
     ("korva_commons", "tallowick_core"),
     ("korva_xml", "PkgConfig::LIBSSH2"),
     ("tallowick_core", "LibXml2::LibXml2"),
+    ("tallowick_core", "agent_check_core"),
+    ("tallowick-agent-check", "korva_ssh"),
     ("a_new_target", "korva_ssh"),
 ])
 def test_a_target_that_links_upwards_is_named(check, target, library):
