@@ -113,6 +113,9 @@ std::string AgentChecker::faultOf(const CommandResult& result) const {
         return "was still running after " + std::to_string(request_.timeLimit.count()) + " s and was ended" +
                said(result);
     }
+    if (result.exceeded) {
+        return "printed more than 16 MiB and was ended";
+    }
     if (result.status != 0) {
         return "ended with " + std::to_string(result.status) + said(result);
     }
@@ -133,15 +136,13 @@ bool AgentChecker::checkStatus() {
     Findings status(report_, rules::kStatus);
     if (const std::string fault = faultOf(result); !fault.empty()) {
         status.problem("--get-status " + fault);
-    } else if (result.exceeded) {
-        status.problem("--get-status does not stop to print");
     }
     if (!status.tell("--get-status ends with 0")) {
         return false;
     }
     Findings noise(report_, rules::kStatusNoise);
     Findings document(report_, rules::kStatusDocument);
-    const std::optional<std::size_t> noiseSize = noiseBefore(result.out);
+    const std::optional<std::size_t> noiseSize = noiseBefore(result.out, "agentstatus");
     if (noiseSize) {
         noise.problem("'" + result.out.substr(0, *noiseSize) + "' stands before the answer");
     } else if (const std::string fault = faultOfText(result.out); !fault.empty()) {
@@ -174,8 +175,6 @@ CommandResult AgentChecker::runDumper(const std::string& firstLine) {
         Findings dump(report_, rules::kDump);
         if (const std::string fault = faultOf(result); !fault.empty()) {
             dump.problem("the dumper " + fault);
-        } else if (result.exceeded) {
-            dump.problem("the dumper does not stop to print");
         }
         if (dump.tell(request_.hasNames ? "the selected objects are dumped" : "everything is dumped")) {
             tellDumpingStatus(watch);
@@ -234,7 +233,7 @@ bool AgentChecker::checkFirstList() {
     const std::string command = contentListCommand(*agent_, deployment_.directory());
     const CommandResult result = executeWithModes(command, "");
     Findings findings(report_, rules::kList);
-    if (const std::string fault = faultOf(result); !fault.empty()) {
+    if (const std::string fault = faultOf(result); !fault.empty() && !result.exceeded) {
         findings.problem("--get-content-list " + fault);
     }
     if (!findings.tell("--get-content-list ends with 0")) {

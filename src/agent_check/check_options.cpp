@@ -95,7 +95,7 @@ const char* const kUsage =
 Runs a migration agent on this machine as tallowick would on a source host, in
 a directory of its own, and tells what a migration would trip over.
 
-  --shared=DIR                   what all agents share ("shared" beside the agent)
+  --shared=DIR                   what all agents share (shared beside the agent)
   --domains=NAME[,NAME...]       dump these (everything, if nothing is named)
   --clients=NAME[,NAME...]
   --resellers=NAME[,NAME...]

@@ -30,8 +30,8 @@ namespace {
 using Clock = std::chrono::steady_clock;
 
 // For what ends by itself at this moment, and for what was asked to end.
-constexpr std::chrono::milliseconds kPatienceWithLeft{300};
-constexpr std::chrono::seconds kPatienceWithEnded{5};
+constexpr std::chrono::milliseconds kPatienceWithLeft{1000};
+constexpr std::chrono::seconds kPatienceWithEnded{2};
 constexpr std::chrono::milliseconds kShortWait{10};
 
 struct Pipe {

@@ -7,6 +7,7 @@
 namespace korva::agent_check {
 namespace {
 
+constexpr std::string_view kDeclaration = "<?xml";
 constexpr const char* kNothing = "it is empty";
 
 class Unread : public XmlContentSink {
@@ -66,17 +67,26 @@ std::string faultOfFile(const std::string& path) {
     }
 }
 
-std::optional<std::size_t> noiseBefore(const std::string& text) {
+std::optional<std::size_t> noiseBefore(const std::string& text, const std::string& root) {
     constexpr int kMostPlaces = 100;  // at which the document may begin
-    if (faultOfText(text).empty()) {
+    const std::string start = "<" + root;
+    const auto beginsAt = [&](std::size_t at) {
+        return text.compare(at, start.size(), start) == 0 ||
+               text.compare(at, kDeclaration.size(), kDeclaration) == 0;
+    };
+    const std::size_t first = text.find('<');
+    if (first == std::string::npos || text.compare(first, 2, "<!") == 0 || faultOfText(text).empty()) {
         return std::nullopt;
     }
-    std::size_t at = text.find('<');
-    for (int place = 0; place < kMostPlaces && at != std::string::npos; ++place) {
-        if (at > 0 && faultOfText(text.substr(at)).empty()) {
-            return at;
+    int places = 0;
+    for (std::size_t at = first; at != std::string::npos && places < kMostPlaces;
+         at = text.find('<', at + 1)) {
+        if (at > 0 && beginsAt(at)) {
+            ++places;
+            if (faultOfText(text.substr(at)).empty()) {
+                return at;
+            }
         }
-        at = text.find('<', at + 1);
     }
     return std::nullopt;
 }

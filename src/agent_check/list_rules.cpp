@@ -160,7 +160,7 @@ bool readList(const CommandResult& result, ReadList& list, const Rule*& broken, 
         reason = "the list is larger than 16 MiB";
         return false;
     }
-    if (const std::optional<std::size_t> noise = noiseBefore(result.out)) {
+    if (const std::optional<std::size_t> noise = noiseBefore(result.out, "contentlist")) {
         broken = &rules::kListNoise;
         reason = quoted(result.out.substr(0, *noise)) + " stands before the list";
         return false;
