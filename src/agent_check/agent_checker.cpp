@@ -78,8 +78,10 @@ bool AgentChecker::prepare() {
 }
 
 CommandResult AgentChecker::execute(const std::string& command, const std::string& input, Watcher* watcher) {
-    CommandResult result =
-        runCommand(inAgentDirectory(deployment_.directory(), command), input, request_.timeLimit, watcher);
+    // Only the dumper is watched, and what it prints is nothing to the program.
+    const LongOutput longOutput = watcher == nullptr ? LongOutput::kEnds : LongOutput::kIsCut;
+    CommandResult result = runCommand(inAgentDirectory(deployment_.directory(), command), input,
+                                      request_.timeLimit, longOutput, watcher);
     left_.insert(result.left.begin(), result.left.end());
     return result;
 }
@@ -270,8 +272,7 @@ bool AgentChecker::checkFirstList() {
 }
 
 void AgentChecker::remove(const std::string& path) {
-    runCommand(inAgentDirectory(deployment_.directory(), removeCommand(deployment_.directory() + "/" + path)),
-               "", request_.timeLimit, nullptr);
+    execute(removeCommand(deployment_.directory() + "/" + path), "");
 }
 
 void AgentChecker::checkRemoval() {

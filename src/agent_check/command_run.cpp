@@ -82,7 +82,8 @@ void pause(std::chrono::milliseconds time) {
 /// A command that runs.
 class Run {
   public:
-    Run(const std::string& line, std::string input) : input_(std::move(input)) {
+    Run(const std::string& line, std::string input, LongOutput longOutput)
+        : input_(std::move(input)), isOutputCut_(longOutput == LongOutput::kIsCut) {
         Pipe in;
         Pipe out;
         Pipe err;
@@ -124,7 +125,7 @@ class Run {
             noteLeft();
         }
         end();
-        result_.out = output_.str();
+        result_.out = isOutputCut_ ? cutOutput_.str() : output_.str();
         result_.err = error_.str();
         return std::move(result_);
     }
@@ -165,7 +166,7 @@ class Run {
         if (ends[0].revents != 0) {
             write();
         }
-        read(ends[1], out_, output_);
+        read(ends[1], out_, isOutputCut_ ? static_cast<std::ostream&>(cutOutput_) : output_);
         read(ends[2], err_, error_);
         if (ends[4].revents != 0) {
             watcher->read();
@@ -234,7 +235,9 @@ class Run {
     Descriptor out_{-1};
     Descriptor err_{-1};
     Descriptor pidfd_{-1};
+    bool isOutputCut_;
     LimitedText output_{kMaxListSize};
+    BoundedText cutOutput_;
     BoundedText error_;
     std::optional<int> status_;
     CommandResult result_;
@@ -243,10 +246,10 @@ class Run {
 }  // namespace
 
 CommandResult runCommand(const std::string& line, const std::string& input, std::chrono::seconds timeLimit,
-                         Watcher* watcher) {
+                         LongOutput longOutput, Watcher* watcher) {
     checkInterruption();
     const Clock::time_point deadline = Clock::now() + timeLimit;
-    return Run(line, input).wait(deadline, watcher);
+    return Run(line, input, longOutput).wait(deadline, watcher);
 }
 
 void adoptOrphans() {

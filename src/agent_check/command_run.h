@@ -29,12 +29,18 @@ class Watcher {
     virtual void read() = 0;
 };
 
+/// What becomes of a long standard output.
+enum class LongOutput {
+    kEnds,   ///< the command is ended when it has written more than a list may have
+    kIsCut,  ///< the beginning and the end are kept
+};
+
 /// Runs a command line as an SSH server does: by a shell, in a session of its own without a terminal, its
 /// standard input the given text, and waits for the end of its output. It and what it has started are ended
 /// after the time limit, and what it has left behind at its end. `watcher` may be null. Throws Interruption
 /// and SystemError.
 CommandResult runCommand(const std::string& line, const std::string& input, std::chrono::seconds timeLimit,
-                         Watcher* watcher);
+                         LongOutput longOutput, Watcher* watcher);
 
 /// Lets descendants of commands become children of this process, so that none gets lost.
 void adoptOrphans();

@@ -418,6 +418,11 @@ def test_a_signal_ends_the_check_and_the_agent_and_tidies_up(command, small, num
     assert subprocess.run(["pgrep", "-f", "^sleep 1004$"], check=False, stdout=subprocess.DEVNULL).returncode == 1
 
 
+def test_a_dumper_may_print_what_it_likes(check, small):
+    in_agent(("status finished", "status finished; yes | head -c 17000000; echo warning >&2"))(small)
+    assert check(NAMES, small).found() == {}
+
+
 def test_what_is_made_with_odd_modes_is_removed_as_well(check, small):
     in_agent(("status finished", "mkdir -p closed/in; chmod 0 closed/in closed || true; status finished"),
              ("    rm -f domain-* dump.xml", "    rm -f domain-* dump.xml; chmod 700 closed || true"))(small)

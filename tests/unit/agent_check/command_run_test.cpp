@@ -29,7 +29,7 @@ class CommandRun : public testing::Test {
 
     static CommandResult run(const std::string& line, const std::string& input = "",
                              std::chrono::seconds limit = kPatience) {
-        return runCommand(line, input, limit, nullptr);
+        return runCommand(line, input, limit, LongOutput::kEnds, nullptr);
     }
 
   private:
@@ -94,6 +94,14 @@ TEST_F(CommandRun, EndsWhatPrintsWithoutEnd) {
     const CommandResult result = run("yes");
     EXPECT_TRUE(result.exceeded);
     EXPECT_FALSE(result.timedOut);
+}
+
+TEST_F(CommandRun, KeepsTheEndsOfALongOutputWhereItIsToBeCut) {
+    const CommandResult result = runCommand("echo begin; head -c 20000000 /dev/zero; echo end", "", kPatience,
+                                            LongOutput::kIsCut, nullptr);
+    EXPECT_TRUE(result.isGood());
+    EXPECT_TRUE(result.out.starts_with("begin\n"));
+    EXPECT_TRUE(result.out.ends_with("end\n"));
 }
 
 TEST_F(CommandRun, NamesAndEndsWhatIsLeftBehind) {
