@@ -17,6 +17,7 @@ namespace {
 namespace fs = std::filesystem;
 
 constexpr const char* kDumpName = "dump.xml";
+constexpr std::size_t kUuidSize = 36;  // without the NUL behind it
 
 std::string contentOf(const std::string& path) {
     std::ifstream file(path, std::ios::binary);
@@ -37,7 +38,7 @@ AgentChecker::AgentChecker(const CheckRequest& request, const std::string& place
     : request_(request),
       report_(report),
       deployment_(place + "/agent", login_),
-      password_("not-a-password-" + std::string(newUUID().c_str())) {}
+      password_("not-a-password-" + newUUID().substr(0, kUuidSize)) {}
 
 void AgentChecker::run() {
     adoptOrphans();
@@ -154,7 +155,7 @@ bool AgentChecker::checkStatus() {
     const std::optional<std::string> file = childOfRoot(answer, "agentstatus", "statusfile");
     if (!document.hasProblem() && file != files::getRemoteDumpingStatusFileName()) {
         document.warning(file ? "the status file is '" + *file + "', where dumping-status.xml is read"
-                              : "the answer is no \"agentstatus\" with a \"statusfile\"");
+                              : "the answer is no agentstatus with a statusfile");
     }
     noise.tell("nothing stands before the answer");
     document.tell("the answer is well-formed");

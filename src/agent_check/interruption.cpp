@@ -2,6 +2,7 @@
 #include "agent_check/interruption.h"
 
 #include <ctime>
+#include <initializer_list>
 
 namespace korva::agent_check {
 namespace {

@@ -35,7 +35,7 @@ class NoDebugLog : public DebugLog {
 };
 
 fs::path directoryOf(const std::string& path) {
-    const fs::path directory = fs::canonical(path);
+    fs::path directory = fs::canonical(path);
     if (!fs::is_directory(directory)) {
         throw std::runtime_error(path + " is no directory");
     }
