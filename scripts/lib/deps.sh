@@ -11,7 +11,8 @@ packages_of() { # GROUP
                 liblog4cpp5-dev libboost-dev libgtest-dev libgmock-dev ;;
         test)
             echo python3 python3-pytest python3-paramiko openssh-server openssh-client dropbear-bin sudo \
-                perl iproute2 util-linux dash bash libxml2-utils procps ;;
+                perl iproute2 util-linux dash bash libxml2-utils procps \
+                mandoc man-db groff-base shellcheck parallel busybox python3-lxml ;;
         tools)
             echo clang clang-tidy clang-format ;;
         fuzz)

@@ -430,7 +430,7 @@ def test_every_option_of_the_check_is_described():
 def test_page_is_clean(path):
     lint = subprocess.run(["mandoc", "-Tlint", "-W", "warning", path], capture_output=True, text=True, check=False)
     assert (lint.returncode, lint.stdout + lint.stderr) == (0, "")
-    groff = subprocess.run(["groff", "-ww", "-mandoc", "-Tutf8", "-z", path], capture_output=True, text=True, check=False)
+    groff = subprocess.run(["groff", "-t", "-ww", "-mandoc", "-Tutf8", "-z", path], capture_output=True, text=True, check=False)
     assert (groff.returncode, groff.stdout + groff.stderr) == (0, "")
     man = subprocess.run(["man", "--warnings", "-E", "UTF-8", "-l", "-Tutf8", "-Z", path], stdout=subprocess.DEVNULL,
                          stderr=subprocess.PIPE, text=True, check=False,
@@ -442,7 +442,7 @@ def test_page_is_clean(path):
 def test_page_is_called_what_its_file_is_called(path):
     name, section = path.name.rsplit(".", 1)
     text = path.read_text(encoding="utf-8")
-    assert text.startswith('.\\" SPDX-License-Identifier: Apache-2.0\n')
+    assert text.removeprefix("'\\\" t\n").startswith('.\\" SPDX-License-Identifier: Apache-2.0\n')
     assert re.findall(r"^\.Dt (.*)$", text, re.MULTILINE) == [f"{name.upper()} {section}"]
     assert re.findall(r"^\.Nm (.*)$", text, re.MULTILINE)[:1] == [name]
 

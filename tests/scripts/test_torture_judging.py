@@ -20,9 +20,10 @@ from harness.places import make_dir, write
 from harness.product import Product
 
 SUCCESS = b'<execution-result status="success"/>'
-FAILURE = b'<execution-result status="error"><message/></execution-result>'
+FAILURE = (b'<execution-result status="error"><message code="AgentNotFound" id="76931fac-9dab-42b3-86c2-48b87d6ae33f" '
+           b'severity="error"><description>Agent a was not found</description></message></execution-result>')
 IDLE = b"<migration-status><idle/></migration-status>"
-BUSY = b"<migration-status><transfer/></migration-status>"
+BUSY = b"<migration-status><transfer><host>h</host><dumpfile/></transfer></migration-status>"
 LEAKS = (b"==1==ERROR: LeakSanitizer: detected memory leaks\n    #0 0x7f in operator new(unsigned long) (libasan.so)\n"
          b"SUMMARY: AddressSanitizer: 128 byte(s) leaked in 16 allocation(s).\n")
 
@@ -88,6 +89,13 @@ def test_half_of_a_document_is_a_finding(case, name):
 
 def test_document_of_another_kind_is_a_finding(case):
     write(case.session.file("migration.status"), SUCCESS)
+    assert kinds(case) == {"torn document"}
+
+
+@pytest.mark.parametrize("name, content", [
+    ("migration.status", b"<migration-status/>"), ("transfer.result", b'<execution-result status="good"/>')])
+def test_document_that_its_schema_refuses_is_a_finding(case, name, content):
+    write(case.session.file(name), content)
     assert kinds(case) == {"torn document"}
 
 
@@ -274,7 +282,7 @@ def test_failure_without_a_word_on_standard_error_is_a_finding(case):
 @pytest.mark.parametrize("place", ["migration.log", "scout-result.xml", "archives/any", "migration.result.3"])
 def test_password_in_any_file_is_a_finding(case, place):
     file = case.session.path / place
-    write(make_dir(file.parent) / file.name, f"<execution-result>{case.account.password}</execution-result>")
+    write(make_dir(file.parent) / file.name, FAILURE.replace(b"Agent a", case.account.password.encode()))
     assert kinds(case) == {"password"}
 
 

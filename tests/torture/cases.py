@@ -16,6 +16,7 @@ from harness.places import make_dir, remove_tree, write
 from harness.product import Product
 from harness.program import source
 from harness.relay import Relay
+from harness.schemas import IllegalDocument
 from harness.session import Session
 
 AGENT = "SomeAgent"
@@ -221,7 +222,7 @@ class Case:
         file = self.session.file(self.result)
         try:
             return None if file.read_bytes() == OLD_RESULT else self.session.succeeded(self.result)
-        except (OSError, ElementTree.ParseError):
+        except (OSError, ElementTree.ParseError, IllegalDocument):
             return None
 
     def lost(self):

@@ -6,6 +6,7 @@ import re
 from xml.etree import ElementTree
 
 from cases import AGENT_STAYS, ANSWER, DIFFERS, ENTRY_POINT, NOT_PRINTED, STATUS_STAYS, STAYS
+from harness import schemas
 from harness.agents import AgentCatalogue
 from harness.product import Product
 from harness.program import DOCUMENTED_STATUSES
@@ -79,23 +80,13 @@ def _is_forgiven(case, run, undone):
 
 # ---- Documents ----
 
-_ROOTS = {"migration.status": "migration-status", "migration.result": "execution-result",
-          "transfer.result": "execution-result"}
-# What follows the name of a document is a number; six characters of any kind make the name of a temporary file.
-_DOCUMENT = re.compile(r"(migration\.status|migration\.result|transfer\.result)(\.\d+)?")
-
 
 def torn_documents(case):
-    """The names of the documents that are not whole."""
+    """The names of the documents that are not whole, or not as their schemas have them."""
     wrong = case.torn()
     for name in case.session.names():
-        known = _DOCUMENT.fullmatch(name)
-        if known is None:
-            continue
-        try:
-            if ElementTree.parse(case.session.file(name)).getroot().tag != _ROOTS[known[1]]:
-                wrong.append(name)
-        except ElementTree.ParseError:
+        schema = schemas.schema_of(name)
+        if schema is not None and schemas.complaint(schema, case.session.file(name).read_bytes()):
             wrong.append(name)
     return wrong
 
@@ -103,7 +94,7 @@ def torn_documents(case):
 def _is_idle(case):
     try:
         return [child.tag for child in case.session.status] == ["idle"]
-    except (OSError, ElementTree.ParseError):
+    except (OSError, ElementTree.ParseError, schemas.IllegalDocument):
         return False
 
 

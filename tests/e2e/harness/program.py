@@ -10,6 +10,7 @@ from dataclasses import dataclass
 
 from harness.accounts import MOVER
 from harness.processes import finish
+from harness.schemas import Documents
 from harness.session import Session
 
 DOCUMENTED_STATUSES = {0, 1, 2, 11, 12, 13, 14, 15, 16, 17, 18}
@@ -74,12 +75,13 @@ class Run:
 class Running:
     """A run that has been started and goes on."""
 
-    def __init__(self, program, command, session, secrets, popen):
+    def __init__(self, program, command, session, secrets, documents, popen):
         self.command = command
         self.session = session
         self.popen = popen
         self._program = program
         self._secrets = secrets
+        self._documents = documents
         self._began = time.monotonic()
 
     @property
@@ -88,7 +90,8 @@ class Running:
 
     def wait(self, timeout=HANGS_AFTER_S, stdin=None, statuses=frozenset(DOCUMENTED_STATUSES)):
         """Waits for the end and judges what holds for every run: a documented status, no sanitizer's
-        complaint, no password in what the run wrote. `stdin` is given to the run's standard input."""
+        complaint, no password in what the run wrote, every document as its schema has it. `stdin` is given to the
+        run's standard input."""
         out, err, hung = finish(self.popen, timeout, stdin)
         run = Run(self.command, self.popen.returncode, out or b"", err or b"",
                   time.monotonic() - self._began, self.session)
@@ -97,6 +100,7 @@ class Running:
         check_sanitizers(run.stderr)
         assert run.status in statuses, f"status {run.status}"
         self._check_secrets(run)
+        self._documents.check(succeeded=run.status == 0)
         return run
 
     def _check_secrets(self, run):
@@ -134,11 +138,12 @@ class Program:
         own = session if isinstance(session, Session) else self.new_session()
         paths = [] if session is False else [f"--session-path={own.path}"]
         command = [*prefix, self.binary, *arguments, *paths]
+        documents = Documents(command, cwd)
         process = subprocess.Popen(
             command, stdin=stdin, stdout=stdout, stderr=subprocess.PIPE, cwd=cwd,
             env=environment(leaks, OVN_PASSWORD=password, OVN_SUDO_PASSWORD=sudo_password), **popen)
         secrets = [secret for secret in (password, sudo_password) if secret]
-        return Running(self, command, own, secrets, process)
+        return Running(self, command, own, secrets, documents, process)
 
     def run(self, *arguments, stdin=b"", timeout=HANGS_AFTER_S, statuses=frozenset(DOCUMENTED_STATUSES), **options):
         """Runs to the end; `stdin` is bytes or a file."""

@@ -6,6 +6,8 @@ import re
 from dataclasses import dataclass
 from xml.etree import ElementTree
 
+from harness import schemas
+
 # One record of the default log set-up; a message may go on over several lines.
 _RECORD = re.compile(
     r"^\d{4}-\d\d-\d\d \d\d:\d\d:\d\d[.,]\d+ +"
@@ -72,7 +74,7 @@ class Session:
     @property
     def status(self):
         """The root of migration.status."""
-        return ElementTree.parse(self.file("migration.status")).getroot()
+        return self._document("migration.status")
 
     @property
     def scout_result(self):
@@ -80,7 +82,13 @@ class Session:
 
     def result(self, name="migration.result"):
         """The root of the result document."""
-        return ElementTree.parse(self.file(name)).getroot()
+        return self._document(name)
+
+    def _document(self, name):
+        content = self.file(name).read_bytes()
+        root = ElementTree.fromstring(content)
+        schemas.check(schemas.schema_of(name), content, self.file(name))
+        return root
 
     def succeeded(self, name="migration.result"):
         """What the result document says, "success" or "error"."""
