@@ -11,6 +11,7 @@
 #include "commons/signal_hold.h"
 #include "commons/termination.h"
 #include "commons/umask_scope.h"
+#include "tallowick/agent_commands.h"
 #include "tallowick/args_builder.h"
 #include "tallowick/second_error.h"
 #include "tallowick/status_refresh.h"
@@ -114,22 +115,15 @@ Ssh* Action::getSsh() {
     return ssh_.get();
 }
 
-// The agent directory is quoted as part of the whole text only: what is seen on the source host is fixed.
-std::string Action::inAgentDirectory(const std::string& command) const {
-    ArgsBuilder line("sh");
-    line << "-c"
-         << "cd " + cfg().agent_dir + "; " + command;
-    return line.str();
-}
-
 int Action::execUser(const std::string& command, std::istream& in, std::ostream& out, std::ostream& err,
                      bool quietOutput, bool quietInput) {
-    return getSsh()->exec(inAgentDirectory(command), in, out, err, quietOutput, quietInput,
+    return getSsh()->exec(inAgentDirectory(cfg().agent_dir, command), in, out, err, quietOutput, quietInput,
                           Ssh::null_counter);
 }
 
 int Action::execUser(const std::string& command, std::ostream& out, std::ostream& err, bool quietOutput) {
-    return getSsh()->exec(inAgentDirectory(command), out, err, quietOutput, Ssh::null_counter);
+    return getSsh()->exec(inAgentDirectory(cfg().agent_dir, command), out, err, quietOutput,
+                          Ssh::null_counter);
 }
 
 int Action::execRoot(const std::string& command, std::istream& in, std::ostream& out, std::ostream& err,

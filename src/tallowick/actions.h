@@ -84,7 +84,6 @@ class Action : public Alarm {
     std::string dumpingStatusPath() const;
 
   private:
-    std::string inAgentDirectory(const std::string& command) const;
     void saveIdle();
 
     std::unique_ptr<Ssh> ssh_;

@@ -9,28 +9,24 @@
 #include "commons/session.h"
 #include "commons/stream_errors.h"
 #include "commons/system_error.h"
-#include "tallowick/args_builder.h"
+#include "tallowick/agent_commands.h"
+#include "tallowick/content_list.h"
 #include "tallowick/name_record.h"
 #include "tallowick/retrieval_errors.h"
 #include "xml/xml_reader.h"
 
 #include <boost/algorithm/string/predicate.hpp>
-#include <boost/lexical_cast.hpp>
-#include <boost/numeric/conversion/cast.hpp>
 
 #include <fcntl.h>
 #include <sys/stat.h>
 
 #include <climits>
 #include <tuple>
-#include <typeinfo>
 
 namespace korva {
 namespace {
 
 constexpr const char* kSourceName = "./actions";
-
-constexpr std::size_t kMaxListSize = std::size_t{16} << 20;  // bytes
 
 // Of a text that a source host lists. A path that is fetched is shown whole, with the directory it goes to.
 constexpr std::size_t kMostShown = std::size_t{2} * PATH_MAX;  // bytes
@@ -44,14 +40,6 @@ std::string shortened(const std::string& text) {
         --end;  // to where a character begins
     }
     return text.substr(0, end) + " [" + std::to_string(text.size() - end) + " bytes left out]";
-}
-
-std::unique_ptr<AgentFileList> readList(const std::string& text) {
-    try {
-        return getFileList(text);
-    } catch (const boost::bad_lexical_cast&) {
-        throw KORVA_EXC(CantRetrieveContentList) % "the size of a file is not a number of bytes";
-    }
 }
 
 /// What the list says of a file against what there is of it. Without a sum the size has to do, without both
@@ -111,11 +99,9 @@ void RetrieveContentAction::execute() {
 
 std::unique_ptr<AgentFileList> RetrieveContentAction::requestList() {
     const auto agent = theAgentsFactory().getAgent(cfg().agent_name);
-    const std::string entry = cfg().agent_dir + "/" + agent->entryPoint();
-    const std::string command = (ArgsBuilder(agent->interpreter()) << entry << "--get-content-list").str();
-    const std::string text = outputOf(command);
+    const std::string text = outputOf(contentListCommand(*agent, cfg().agent_dir));
     try {
-        return readList(text);
+        return readContentList(text);
     } catch (const ExTraceable&) {  // it quotes the text
         if (isConverted(text)) {
             throw KORVA_EXC(CantRetrieveContentList) % "the list is not well-formed, and not in UTF-8";
@@ -124,7 +110,7 @@ std::unique_ptr<AgentFileList> RetrieveContentAction::requestList() {
         if (harmless == text) {
             throw;
         }
-        std::ignore = readList(harmless);
+        std::ignore = readContentList(harmless);
         throw KORVA_EXC(CantRetrieveContentList) % "the list is not well-formed";
     }
 }
@@ -146,16 +132,7 @@ std::string RetrieveContentAction::outputOf(const std::string& command) {
 }
 
 std::int64_t RetrieveContentAction::totalOf(const AgentFileList& list) {
-    for (const DumpFile& file : list.getFileList()) {
-        if (file.size < 0) {
-            throw KORVA_EXC(CantRetrieveContentList) % ("the size of '" + shown(file.name) + "' is negative");
-        }
-    }
-    try {
-        return boost::numeric_cast<std::int64_t>(list.getTotalSize());
-    } catch (const std::bad_cast&) {  // no number, or one that is out of range
-        throw KORVA_EXC(CantRetrieveContentList) % "the total size is not a number of bytes";
-    }
+    return totalOfList(list, [this](const std::string& text) { return shown(text); });
 }
 
 void RetrieveContentAction::requireSpace(const std::string& directory, std::int64_t needed) const {
@@ -261,7 +238,7 @@ void RetrieveContentAction::logMismatch(const DumpFile& file, const std::string&
 void RetrieveContentAction::removeRemote(const DumpFile& file) {
     DiscardStream out;
     BoundedText err;
-    if (execRoot((ArgsBuilder("rm") << remotePath(file)).str(), out, err, false) != 0) {
+    if (execRoot(removeCommand(remotePath(file)), out, err, false) != 0) {
         theDebugLog->log(KORVA_EXC(UnableToRemoveRemoteFile) % shown(remotePath(file)) % cfg().host %
                          err.str());
     }

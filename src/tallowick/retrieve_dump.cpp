@@ -9,7 +9,7 @@
 #include "commons/session.h"
 #include "commons/stream_errors.h"
 #include "commons/system_error.h"
-#include "tallowick/args_builder.h"
+#include "tallowick/agent_commands.h"
 #include "tallowick/name_record.h"
 #include "tallowick/retrieval_errors.h"
 #include "tallowick/status_refresh.h"
@@ -42,21 +42,9 @@ void RetrieveDumpAction::retrieve() {
     fetchDump(remoteDump);
 }
 
-std::string RetrieveDumpAction::dumperCommand() const {
-    const auto agent = theAgentsFactory().getAgent(cfg().agent_name);
-    ArgsBuilder command(agent->interpreter());
-    command << cfg().agent_dir + "/" + agent->entryPoint();
-    for (const std::string& argument : input_.arguments) {
-        command << argument;
-    }
-    if (cfg().no_content) {
-        command << "--no-content";
-    }
-    return command.str();
-}
-
 void RetrieveDumpAction::runDumper() {
-    const std::string command = dumperCommand();
+    const auto agent = theAgentsFactory().getAgent(cfg().agent_name);
+    const std::string command = dumperCommand(*agent, cfg().agent_dir, input_, cfg().no_content);
     std::istringstream lists(input_.stdinText);
     DiscardStream out;
     BoundedText err;

@@ -16,7 +16,6 @@ class RetrieveDumpAction : public Action {
 
   private:
     void retrieve();
-    std::string dumperCommand() const;
     void runDumper();
     void fetchDump(const std::string& remoteDump);
 

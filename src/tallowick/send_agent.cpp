@@ -9,6 +9,7 @@
 #include "commons/product_paths.h"
 #include "commons/session.h"
 #include "commons/stream_errors.h"
+#include "tallowick/agent_commands.h"
 #include "tallowick/args_builder.h"
 #include "tallowick/dir_walk.h"
 #include "utils/accounts.h"
@@ -73,8 +74,8 @@ bool SendAgentAction::sendFile(const fs::path& root, const fs::path& localPath,
         getSsh()->put(localPath.string(), remotePath);
         return true;
     }
-    if (localPath == root / "control") {
-        return false;  // the agent's own description, for this host only
+    if (isDescription(root, localPath)) {
+        return false;
     }
     infoLine(category()) << "remote mkdir " << remotePath;
     makeRemoteDirectory(remotePath);
@@ -96,22 +97,15 @@ void SendAgentAction::makeRemoteDirectory(const std::string& remotePath) {
 
 void SendAgentAction::requestStatus() {
     const auto agent = theAgentsFactory().getAgent(cfg().agent_name);
-    const std::string entry = cfg().agent_dir + "/" + agent->entryPoint();
     OutputFile answer(theSession->getDeploymentStatusFileName());
     BoundedText err;
-    // The agent directory is entered twice, which is the same as once for an absolute path.
-    const std::string command =
-        (ArgsBuilder("sh") << "-c"
-                           << "cd " + cfg().agent_dir + " && " + agent->interpreter() + " " + entry +
-                                  " --get-status")
-            .str();
-    const int exitCode = execRoot(command, answer, err, false);
+    const int exitCode = execRoot(statusCommand(*agent, cfg().agent_dir), answer, err, false);
     if (exitCode == 0) {
         answer.giveTo(kPanelAccount);
     }
     answer.close();
     if (exitCode != 0) {
-        throw KORVA_EXC(CantRequestAgentStatus) % entry % err.str();
+        throw KORVA_EXC(CantRequestAgentStatus) % entryPath(*agent, cfg().agent_dir) % err.str();
     }
 }
 

@@ -24,6 +24,9 @@ SOUND = {
     "src/watch/terminal.cpp": '#include "xml/log.h"\n#include <curses.h>\n',
     "src/watch/CMakeLists.txt": "target_link_libraries(korva_watch PUBLIC korva_xml)\n"
                                 "target_link_libraries(tallowick-watch PRIVATE korva_watch PkgConfig::NCURSESW)\n",
+    "src/agent_check/main.cpp": '#include "tallowick/agent_commands.h"\n#include "xml/xml_scan.h"\n',
+    "src/agent_check/CMakeLists.txt": "target_link_libraries(agent_check_core PUBLIC tallowick_core)\n"
+                                      "target_link_libraries(tallowick-agent-check PRIVATE agent_check_core)\n",
 }
 
 
@@ -63,6 +66,8 @@ def test_this_tree_passes(top):
     ("watch/frame.h", "ssh/pump.h"),
     ("watch/frame.h", "tallowick/driver.h"),
     ("tallowick/main.cpp", "watch/frame.h"),
+    ("tallowick/main.cpp", "agent_check/report.h"),
+    ("agent_check/main.cpp", "ssh/pump.h"),
     ("ssh/pump.cpp", "pump.h"),
     ("ssh/pump.cpp", "nowhere/pump.h"),
 ])
@@ -95,6 +100,8 @@ def test_a_library_belongs_to_one_layer(check, user, header):
     ("tallowick", "PkgConfig::NCURSESW"),
     ("korva_watch", "korva_ssh"),
     ("tallowick-watch", "tallowick_core"),
+    ("tallowick_core", "agent_check_core"),
+    ("tallowick-agent-check", "korva_ssh"),
     ("a_new_target", "korva_ssh"),
 ])
 def test_a_target_that_links_upwards_is_named(check, target, library):

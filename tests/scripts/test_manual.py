@@ -35,7 +35,9 @@ def source(path):
 
 
 def sources():
-    return {file: file.read_text(encoding="utf-8") for file in sorted(SRC.rglob("*")) if file.suffix in (".h", ".cpp")}
+    """Those of the program, without those of the tools beside it."""
+    return {file: file.read_text(encoding="utf-8") for file in sorted(SRC.rglob("*"))
+            if file.suffix in (".h", ".cpp") and "agent_check" not in file.parts}
 
 
 def strings(text):
@@ -365,7 +367,8 @@ def called_with():
     first, arguments = (strings(re.search(rf"{name}\(.*?\n}}", selection, re.DOTALL)[0])
                         for name in ("DumperInput buildDumperInput", "void prepareDumpOptions"))
     transport = strings(re.search(r"void addRsyncTransport\(.*?\n}", selection, re.DOTALL)[0])
-    last = strings(source("tallowick/retrieve_dump.cpp"))
+    commands = source("tallowick/agent_commands.cpp")
+    last = strings(re.search(r"std::string dumperCommand\(.*?\n}", commands, re.DOTALL)[0])
     return [word for word in [*transport, *first, *arguments, *last] if word.startswith("--")]
 
 
@@ -380,8 +383,7 @@ def test_options_of_the_dumper_are_listed_in_their_order():
 
 def test_what_an_agent_is_asked_stands_in_its_page():
     headings = re.findall(r"^\.Ss (--.*)$", Page("tallowick-agent.7").source, re.MULTILINE)
-    asked = set(re.findall(r"--get-[a-z-]+", source("tallowick/send_agent.cpp") +
-                           source("tallowick/retrieve_content.cpp")))
+    asked = set(re.findall(r"--get-[a-z-]+", source("tallowick/agent_commands.cpp")))
     assert set(headings) == asked
 
 
@@ -396,9 +398,30 @@ def test_elements_and_attributes_of_the_content_list_are_described():
 
 def test_limits_of_the_content_list_are_those_of_the_sources():
     page = Page("tallowick-agent.7").section("HOW THE AGENT IS CALLED")
-    assert "kMaxListSize = std::size_t{16} << 20" in source("tallowick/retrieve_content.cpp")
+    assert "kMaxListSize = std::size_t{16} << 20" in source("tallowick/content_list.h")
     assert "kMostFiles = 500'000" in source("xml/xml_agent_file_list.cpp")
     assert "16 MiB and 500,000 files" in page
+
+
+# ---- What the page of the check of agents knows ----
+
+def test_every_rule_of_the_check_is_described_in_its_order():
+    text = source("agent_check/rules.h")
+    names = dict(re.findall(r'constexpr Rule (k\w+)\{\s*"([a-z-]+)"', text))
+    looked_at = [names[constant] for constant in re.findall(r"&rules::(k\w+)", text)]
+    assert len(looked_at) == len(names) > 30
+    assert [head for head, _ in Page("tallowick-agent-check.1").items("RULES")] == [f"Sy {name}" for name in looked_at]
+
+
+def test_every_option_of_the_check_is_described():
+    text = source("agent_check/check_options.cpp")
+    table = {name: kind == "required" for name, kind in re.findall(r'\{"([a-z-]+)", (no|required)_argument,', text)}
+    page = Page("tallowick-agent-check.1")
+    described = {name: item.takes_argument for item in page.options() for name in item.names if len(name) > 1}
+    assert described == table
+    assert set(re.findall(r"Fl -([\w-]+)", page.section("SYNOPSIS"))) == set(table)
+    limit = re.search(r"timeLimit\{(\d+)\}", source("agent_check/check_options.h"))[1]
+    assert f"{limit} unless given" in page.source
 
 
 # ---- The pages themselves ----
