@@ -4,12 +4,14 @@ include(GNUInstallDirs)
 
 # Targets: for root alone, and for everybody.
 set(system_programs tallowick)
-set(user_programs)
+set(user_programs tallowick-agent-check tallowick-watch)
 set(scripts tools/tallowick-preflight)
 set(man_pages
+  tallowick-agent-check.1
   tallowick-agent.7
   tallowick-preflight.1
   tallowick-session.5
+  tallowick-watch.1
   tallowick.8)
 set(documents
   README.md
@@ -39,9 +41,7 @@ set(data_directory "${CMAKE_INSTALL_DATADIR}/tallowick")
 set(example_directory "${CMAKE_INSTALL_DOCDIR}/examples")
 
 install(TARGETS ${system_programs} DESTINATION "${CMAKE_INSTALL_SBINDIR}")
-if(user_programs)
-  install(TARGETS ${user_programs} DESTINATION "${CMAKE_INSTALL_BINDIR}")
-endif()
+install(TARGETS ${user_programs} DESTINATION "${CMAKE_INSTALL_BINDIR}")
 install(PROGRAMS ${scripts} DESTINATION "${CMAKE_INSTALL_BINDIR}")
 foreach(page IN LISTS man_pages)
   string(REGEX MATCH "[1-9]$" section "${page}")

@@ -13,6 +13,7 @@ namespace korva {
 
 enum class Style { kPlain, kDim, kStrong, kTitle, kLabel, kGood, kWarning, kBad, kBar };
 
+/// A text in one style; it holds nothing that moves the cursor.
 struct Span {
     std::string text;  ///< went through toTerminalText()
     Style style = Style::kPlain;
@@ -21,6 +22,7 @@ struct Span {
 using Row = std::vector<Span>;
 using Frame = std::vector<Row>;
 
+/// Of the terminal, in character cells.
 struct FrameSize {
     int columns;
     int rows;

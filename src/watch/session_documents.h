@@ -12,6 +12,7 @@ namespace korva {
 // What the documents of a session directory tell. Whoever wrote them may have been hostile or cut off:
 // numbers that are none, or are negative, are missing; texts are cut to a bearable length, but not cleaned.
 
+/// What migration.status tells of a transfer.
 struct TransferStatus {
     std::optional<std::int64_t> speed;  ///< bytes per second, the mean of the run
     std::optional<std::int64_t> filesTotal;
@@ -23,6 +24,7 @@ struct TransferStatus {
     std::optional<std::int64_t> currentSizeLeft;
 };
 
+/// What migration.status tells of a deployment.
 struct DeploymentStatus {
     std::optional<std::int64_t> totalAccounts;
     std::optional<std::int64_t> totalDomains;

@@ -13,7 +13,8 @@ from conftest import TOP, run
 
 RELEASE = TOP / "build/release"
 
-PROGRAMS = {"sbin/tallowick", "bin/tallowick-preflight"}
+BUILT = {"sbin/tallowick", "bin/tallowick-agent-check", "bin/tallowick-watch"}
+PROGRAMS = BUILT | {"bin/tallowick-preflight"}
 AGENTS = "share/doc/tallowick/examples/agents"
 EXECUTABLE_EXAMPLES = {
     "share/doc/tallowick/examples/fleet",
@@ -22,7 +23,9 @@ EXECUTABLE_EXAMPLES = {
     f"{AGENTS}/SampleHosting/bin/agent.pl",
 }
 MAN_PAGES = {
+    "share/man/man1/tallowick-agent-check.1",
     "share/man/man1/tallowick-preflight.1",
+    "share/man/man1/tallowick-watch.1",
     "share/man/man5/tallowick-session.5",
     "share/man/man7/tallowick-agent.7",
     "share/man/man8/tallowick.8",
@@ -100,20 +103,23 @@ def test_every_schema_of_the_tree_is_installed():
     assert schemas == {pathlib.Path(name).name for name in FILES if name.endswith(".rng")}
 
 
-def test_installed_program_is_the_one_of_the_build_without_its_symbols(staged, unpacked):
-    assert " .symtab " in run("readelf", "--wide", "--sections", staged / "opt/tallowick/sbin/tallowick")
-    packed = unpacked / "usr/sbin/tallowick"
+@pytest.mark.parametrize("program", sorted(BUILT))
+def test_packed_program_is_the_one_of_the_build_without_its_symbols(program, staged, unpacked):
+    assert " .symtab " in run("readelf", "--wide", "--sections", staged / "opt/tallowick" / program)
+    packed = unpacked / "usr" / program
     assert " .symtab " not in run("readelf", "--wide", "--sections", packed)
     identity = re.compile(r"Build ID: (\w+)")
     assert identity.findall(run("readelf", "--notes", packed)) == \
-        identity.findall(run("readelf", "--notes", RELEASE / "tallowick"))
+        identity.findall(run("readelf", "--notes", RELEASE / pathlib.Path(program).name))
 
 
-def test_packed_program_is_hardened_and_finds_libraries_by_name_alone(unpacked):
-    dynamic = run("readelf", "--wide", "--dynamic", unpacked / "usr/sbin/tallowick")
+@pytest.mark.parametrize("program", sorted(BUILT))
+def test_packed_program_is_hardened_and_finds_libraries_by_name_alone(program, unpacked):
+    packed = unpacked / "usr" / program
+    dynamic = run("readelf", "--wide", "--dynamic", packed)
     assert "Flags: NOW PIE" in dynamic
     assert "RUNPATH" not in dynamic and "RPATH" not in dynamic
-    assert "__stack_chk_fail" in run("readelf", "--wide", "--dyn-syms", unpacked / "usr/sbin/tallowick")
+    assert "__stack_chk_fail" in run("readelf", "--wide", "--dyn-syms", packed)
 
 
 def test_versions_of_program_and_package_are_the_same(package):
@@ -121,9 +127,9 @@ def test_versions_of_program_and_package_are_the_same(package):
     assert run("dpkg-deb", "--field", package, "Version").strip() == project.group(1)
 
 
-def test_package_asks_for_the_libraries_that_the_program_is_linked_with(package):
+def test_package_asks_for_the_libraries_that_the_programs_are_linked_with(package):
     wanted = run("dpkg-deb", "--field", package, "Depends")
-    for library in ("libc6", "liblog4cpp5v5", "libssh2-1", "libssl3", "libstdc++6", "libxml2"):
+    for library in ("libc6", "liblog4cpp5v5", "libncursesw6", "libssh2-1", "libssl3", "libstdc++6", "libxml2"):
         assert f"{library} (>= " in wanted
 
 
