@@ -41,7 +41,7 @@ std::string progressOf(const Snapshot& snapshot, const Situation& situation) {
            std::to_string(situation.status->deployment.completedDomains.value_or(-1)) + "|" +
            std::to_string(situation.status->deployment.completedAccounts.value_or(-1));
     if (situation.dumperIsCurrent && snapshot.dumper.content) {
-        text += "|" + dumperText(*snapshot.dumper.content);
+        text.append("|").append(dumperText(*snapshot.dumper.content));
     }
     return text;
 }
@@ -158,9 +158,10 @@ std::vector<std::string> LineReport::update(const Snapshot& snapshot, const Mome
     std::string state = std::to_string(static_cast<int>(situation.phase)) + "|" +
                         std::to_string(silence.count()) + problems(snapshot) + snapshot.problem;
     if (situation.phase == Situation::Phase::kRunning) {
-        state += "|" + std::to_string(static_cast<int>(situation.status->state)) + situation.status->host;
+        state.append("|").append(std::to_string(static_cast<int>(situation.status->state)));
+        state.append(situation.status->host);
     } else if (situation.phase == Situation::Phase::kEnded) {
-        state += "|" + std::to_string(situation.lastWord.time_since_epoch().count());
+        state.append("|").append(std::to_string(situation.lastWord.time_since_epoch().count()));
     }
     const std::string progress = progressOf(snapshot, situation);
     const bool isNewState = state != toldState_;

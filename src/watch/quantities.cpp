@@ -28,7 +28,8 @@ std::string inUnit(std::int64_t bytes, std::size_t unit, bool tenths) {
     std::string text = std::to_string(bytes >> shift);
     if (tenths) {
         const std::int64_t rest = bytes & ((std::int64_t{1} << shift) - 1);
-        text += "." + std::to_string(rest / 16 * 10 >> (shift - 4));  // sixteenths, lest it overflow
+        text.append(".").append(
+            std::to_string(rest / 16 * 10 >> (shift - 4)));  // sixteenths, lest it overflow
     }
     return text;
 }

@@ -16,8 +16,7 @@ constexpr std::size_t kMostValues = 16;   // of an unknown dumping status
 
 std::string cut(std::string text) {
     if (text.size() > kMostText) {
-        text.resize(kMostText);
-        text.append("...");
+        text.replace(kMostText, std::string::npos, "...");
     }
     return text;
 }
@@ -147,7 +146,7 @@ std::string describe(const xmlNode* node) {
     for (const xmlAttr* each = node->properties; each != nullptr && values != kMostValues;
          each = each->next, ++values) {
         const std::string name = reinterpret_cast<const char*>(each->name);
-        text += " " + cut(name) + "=" + attribute(node, name.c_str());
+        text.append(" ").append(cut(name)).append("=").append(attribute(node, name.c_str()));
     }
     const std::string content = textOf(node);
     return cut(content.empty() ? text : text + ": " + content);
