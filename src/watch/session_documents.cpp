@@ -14,11 +14,8 @@ constexpr std::size_t kMostText = 8192;   // bytes of one text
 constexpr std::size_t kMostChains = 100;  // of a result
 constexpr std::size_t kMostValues = 16;   // of an unknown dumping status
 
-std::string cut(std::string text) {
-    if (text.size() > kMostText) {
-        text.replace(kMostText, std::string::npos, "...");
-    }
-    return text;
+std::string cut(const std::string& text) {
+    return text.size() <= kMostText ? text : text.substr(0, kMostText).append("...");
 }
 
 std::string nameOf(const xmlNode* node) {
