@@ -39,7 +39,9 @@ std::optional<std::chrono::seconds> timeLeft(const TransferStatus& transfer,
     if (!transfer.sizeLeft || rate <= 0 || *transfer.sizeLeft / rate > kLongest) {
         return std::nullopt;
     }
-    return std::chrono::seconds((*transfer.sizeLeft + rate / 2) / rate);
+    // Rounded without a sum, which could be too large.
+    const bool isRoundedUp = *transfer.sizeLeft % rate >= rate - rate / 2;
+    return std::chrono::seconds(*transfer.sizeLeft / rate + (isRoundedUp ? 1 : 0));
 }
 
 std::string activityOf(const RunStatus& status) {

@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "watch/rate_meter.h"
 
+#include <limits>
+
 namespace korva {
 
 void RateMeter::note(Time now, std::optional<std::int64_t> bytesLeft) {
@@ -25,8 +27,11 @@ std::optional<std::int64_t> RateMeter::bytesPerSecond() const {
     if (span < std::chrono::seconds(1)) {
         return std::nullopt;
     }
-    return static_cast<std::int64_t>(static_cast<double>(notes_.front().bytesLeft - notes_.back().bytesLeft) /
-                                     span.count());
+    constexpr std::int64_t kMost = std::numeric_limits<std::int64_t>::max();
+    const double rate =
+        static_cast<double>(notes_.front().bytesLeft - notes_.back().bytesLeft) / span.count();
+    // As a double kMost is one more than it is.
+    return rate < static_cast<double>(kMost) ? static_cast<std::int64_t>(rate) : kMost;
 }
 
 }  // namespace korva

@@ -75,6 +75,25 @@ TEST(Progress, TimeLeftIsUnknownWhileNothingComes) {
     EXPECT_FALSE(timeLeft(TransferStatus(), 1));
 }
 
+TEST(Progress, TimeLeftIsRounded) {
+    TransferStatus transfer;
+    transfer.sizeLeft = 14;
+    EXPECT_EQ(timeLeft(transfer, 10), seconds(1));
+    EXPECT_EQ(timeLeft(transfer, 9), seconds(2));
+    transfer.sizeLeft = 15;
+    EXPECT_EQ(timeLeft(transfer, 10), seconds(2));
+    transfer.sizeLeft = 0;
+    EXPECT_EQ(timeLeft(transfer, 1), seconds(0));
+}
+
+TEST(Progress, TimeLeftIsKnownOfTheLargestNumbers) {
+    constexpr std::int64_t kMost = std::numeric_limits<std::int64_t>::max();
+    TransferStatus transfer;
+    transfer.sizeLeft = kMost;
+    EXPECT_EQ(timeLeft(transfer, kMost), seconds(1));
+    EXPECT_EQ(timeLeft(transfer, kMost / 2), seconds(2));
+}
+
 class Rate : public testing::Test {
   protected:
     static RateMeter::Time at(int second) { return RateMeter::Time(seconds(1000 + second)); }
@@ -96,6 +115,13 @@ TEST_F(Rate, ForgetsWhatWasLongAgo) {
         meter.note(at(second), 0);
     }
     EXPECT_EQ(meter.bytesPerSecond(), 0);
+}
+
+TEST_F(Rate, IsKnownOfTheLargestNumbers) {
+    constexpr std::int64_t kMost = std::numeric_limits<std::int64_t>::max();
+    meter.note(at(0), kMost);
+    meter.note(at(1), 0);
+    EXPECT_EQ(meter.bytesPerSecond(), kMost);
 }
 
 TEST_F(Rate, BeginsAnewWithAnotherTransfer) {
