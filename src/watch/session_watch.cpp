@@ -10,6 +10,7 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <cstdint>
 #include <cstring>
 #include <utility>
 
@@ -19,8 +20,13 @@ namespace {
 constexpr std::size_t kLargest = std::size_t{4} << 20;  // bytes: a report of an agent may have many messages
 constexpr const char* kTooLarge = "is larger than 4 MiB";
 
+// Some file systems keep times far beyond what can be counted in nanoseconds. None before 1970 is told apart,
+// so that the difference of two times can be counted as well.
 FileTime timeOf(const timespec& time) {
-    return FileTime(std::chrono::seconds(time.tv_sec) + std::chrono::nanoseconds(time.tv_nsec));
+    constexpr std::int64_t kLast =
+        std::chrono::duration_cast<std::chrono::seconds>(FileTime::duration::max()).count() - 1;
+    const std::int64_t second = std::clamp<std::int64_t>(time.tv_sec, 0, kLast);
+    return FileTime(std::chrono::seconds(second) + std::chrono::nanoseconds(time.tv_nsec));
 }
 
 std::string errorText(int error) {

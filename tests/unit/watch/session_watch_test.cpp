@@ -9,6 +9,8 @@
 #include <fcntl.h>
 #include <sys/stat.h>
 
+#include <chrono>
+#include <ctime>
 #include <filesystem>
 #include <string>
 
@@ -31,9 +33,12 @@ class SessionWatching : public testing::Test {
   protected:
     /// Files that are made later here are newer, whatever the clock of the file system can tell apart.
     void make(const std::string& name, const std::string& content) {
+        makeAt(kFirst + ++made_, name, content);
+    }
+    void makeAt(std::time_t second, const std::string& name, const std::string& content) {
         const std::string path = directory / name;
         writeFile(path, content);
-        const timespec when = {1'700'000'000 + ++made_, 0};
+        const timespec when = {second, 0};
         const timespec times[] = {when, when};
         ASSERT_EQ(utimensat(AT_FDCWD, path.c_str(), times, 0), 0);
     }
@@ -47,6 +52,8 @@ class SessionWatching : public testing::Test {
     SessionWatch watch{directory.path()};
 
   private:
+    static constexpr std::time_t kFirst = 1'700'000'000;
+
     int made_ = 0;
 };
 
@@ -188,6 +195,15 @@ TEST_F(SessionWatching, DocumentThatWasRemovedIsForgotten) {
     look();
     std::filesystem::remove(directory / "migration.status");
     EXPECT_EQ(look().phase, Phase::kNothing);
+}
+
+TEST_F(SessionWatching, TimesThatNobodyCanCountInNanosecondsAreTheFirstOrTheLast) {
+    makeAt(-11'676'096'000, "migration.result", kSuccess);  // the year 1600
+    make("migration.status", kIdle);
+    const FileTime usual = watch.look().status.changed;
+    EXPECT_LT(watch.look().result.changed, usual);
+    makeAt(13'569'465'600, "migration.result", kSuccess);  // the year 2400
+    EXPECT_GT(watch.look().result.changed, usual);
 }
 
 TEST_F(SessionWatching, NothingIsLeftInTheDirectory) {
