@@ -13,9 +13,15 @@ set(man_pages
   tallowick-session.5
   tallowick-watch.1
   tallowick.8)
+# They keep their places beside each other, since one leads to the other. (What is called CHANGELOG debhelper would take
+# for its own, which debian/changelog is.)
 set(documents
+  ARCHITECTURE.md
+  CONTRIBUTING.md
   README.md
-  doc/fleet.md)
+  SECURITY.md
+  doc/fleet.md
+  doc/watch.svg)
 set(example_scripts
   examples/fleet
   examples/migrate
@@ -50,7 +56,10 @@ endforeach()
 install(FILES completion/tallowick DESTINATION "${CMAKE_INSTALL_DATADIR}/bash-completion/completions")
 install(FILES ${data} DESTINATION "${data_directory}")
 install(FILES ${schemas} DESTINATION "${data_directory}/schemas")
-install(FILES ${documents} DESTINATION "${CMAKE_INSTALL_DOCDIR}")
+foreach(document IN LISTS documents)
+  cmake_path(GET document PARENT_PATH place)
+  install(FILES ${document} DESTINATION "${CMAKE_INSTALL_DOCDIR}/${place}")
+endforeach()
 install(PROGRAMS ${example_scripts} DESTINATION "${example_directory}")
 install(FILES ${example_files} DESTINATION "${example_directory}")
 install(DIRECTORY examples/agents DESTINATION "${example_directory}")

@@ -43,6 +43,12 @@ on_source_host() { # COMMAND...
     setpriv --reuid=mover --regid=mover --clear-groups env -i "PATH=$PATH" "$@"
 }
 
+# With the status and the words of tallowick-preflight, or 255 when there is no connection.
+look_ahead() {
+    SSH_ASKPASS=scripts/lib/demo-askpass SSH_ASKPASS_REQUIRE=force ssh -q -o StrictHostKeyChecking=no \
+        -o UserKnownHostsFile=/dev/null mover@source.example sh -s "$agent" <"$preflight"
+}
+
 # A dump that waits to be fetched, for the run that finds no room for it.
 make_waiting_dump() {
     rm -rf "$agent"

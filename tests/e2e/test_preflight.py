@@ -12,6 +12,7 @@ import pytest
 
 from harness.accounts import ACCOUNTS, MOVER, NOPASS, OWNER, PLAIN
 from harness.disks import full_disk_at
+from harness.dropbear import Dropbear
 from harness.places import BASE, SOURCE_ROOT, make_dir, remove_tree, write
 from harness.program import source
 from harness.sshd import KEYBOARD_INTERACTIVE, PASSWORD, PUBLIC_KEY, SshServer
@@ -402,6 +403,21 @@ def test_methods(started, config, state, account):
 def test_root_without_password_is_a_problem(started):
     assert started("PermitRootLogin prohibit-password", account=ROOT).state("methods") == "problem"
     assert started("PermitRootLogin prohibit-password").state("methods") == "ok"
+
+
+@pytest.mark.parametrize("account", [PLAIN, ROOT], ids=["login", "root"])
+def test_methods_of_a_server_without_a_configuration_are_those_that_it_offers(preflight, workspace, key, account):
+    keys = make_dir(account.home / ".ssh")
+    server = Dropbear(workspace / "dropbear", "ecdsa")
+    try:
+        os.chown(keys, account.uid, account.gid)
+        keys.chmod(0o700)
+        shutil.copy(f"{key}.pub", keys / "authorized_keys")
+        os.chown(keys / "authorized_keys", account.uid, account.gid)
+        assert preflight(server, account).of("methods") == ("ok", "password")
+    finally:
+        server.stop()
+        shutil.rmtree(keys)
 
 
 @BOTH

@@ -32,8 +32,9 @@ MAN_PAGES = {
 }
 FILES = PROGRAMS | EXECUTABLE_EXAMPLES | MAN_PAGES | {
     "share/bash-completion/completions/tallowick",
-    "share/doc/tallowick/README.md",
-    "share/doc/tallowick/fleet.md",
+    *(f"share/doc/tallowick/{name}.md" for name in
+      ("ARCHITECTURE", "CONTRIBUTING", "README", "SECURITY", "doc/fleet")),
+    "share/doc/tallowick/doc/watch.svg",
     "share/doc/tallowick/examples/scout.pl",
     "share/doc/tallowick/examples/selected-objects.xml",
     f"{AGENTS}/README.md",

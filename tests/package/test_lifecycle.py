@@ -30,18 +30,24 @@ def test_a_whole_migration_succeeds_with_the_installed_program(machine, package)
     place = TOP / "build/package/migration"
     shutil.rmtree(place, ignore_errors=True)
     place.mkdir()
-    said = run(TOP / "scripts/lib/demo-inside", "1", "/usr/sbin/tallowick", "/usr/share/doc/tallowick/examples", place,
-               cwd=TOP)
+    said = run(TOP / "scripts/lib/demo-inside", "1", "/usr/sbin/tallowick", "/usr/share/doc/tallowick/examples",
+               "/usr/bin/tallowick-preflight", place, cwd=TOP)
     assert re.findall(r"^(\S+) +(\d+) runs, (\d+) failures$", said, re.MULTILINE)
     assert {(runs, failures) for runs, failures in re.findall(r"(\d+) runs, (\d+) failures", said)} == {("1", "0")}
     assert LOG_CONFIGURATION.read_text() == DEFAULT
+    # The installed tools, on what that has left.
+    assert "SUCCESS" in run("tallowick-watch", "--once", place / "run/migration").upper()
+    said = run("tallowick-agent-check", "--allow-root", "--domains=shop.example",
+               "/usr/share/doc/tallowick/examples/agents/SampleHosting")
+    assert "\n0 problems, 0 warnings" in said
 
 
-def test_program_and_pages_are_found_by_name(machine, package):
+def test_programs_and_pages_are_found_by_name(machine, package):
     machine.install(package)
-    assert run("bash", "-lc", "type -P tallowick tallowick-preflight").split() == [
-        "/usr/sbin/tallowick", "/usr/bin/tallowick-preflight"]
-    for name, section in (("tallowick", 8), ("tallowick-session", 5), ("tallowick-agent", 7), ("tallowick-preflight", 1)):
+    tools = ["tallowick-agent-check", "tallowick-preflight", "tallowick-watch"]
+    assert run("bash", "-lc", f"type -P tallowick {' '.join(tools)}").split() == [
+        "/usr/sbin/tallowick", *(f"/usr/bin/{tool}" for tool in tools)]
+    for name, section in (("tallowick", 8), ("tallowick-session", 5), ("tallowick-agent", 7), *((tool, 1) for tool in tools)):
         assert run("man", "-w", name).strip() == f"/usr/share/man/man{section}/{name}.{section}.gz"
 
 
@@ -99,6 +105,16 @@ def test_product_root_that_nobody_can_have_meant_is_told_of_and_not_made(machine
     assert "tallowick: PRODUCT_ROOT_D in /etc/ovn/ovn.conf is no absolute path" in said
     assert list(pathlib.Path("/run").glob("panel*")) == []
     assert run("dpkg-query", "--show", "--showformat", "${db:Status-Status}", "tallowick") == "installed"
+
+
+def test_product_root_in_which_no_directory_can_be_made_is_told_of(machine, package, tmp_path):
+    occupied = tmp_path / "panel"
+    occupied.write_text("a file")
+    machine.configure(f"PRODUCT_ROOT_D {occupied}\n")
+    said = machine.install(package)
+    assert f"tallowick: when there can be a directory {occupied}/DVX, copy {SHARE}/log4cpp.properties there" in said
+    assert run("dpkg-query", "--show", "--showformat", "${db:Status-Status}", "tallowick") == "installed"
+    assert occupied.read_text() == "a file"
 
 
 def test_missing_account_of_the_panel_is_told_of_and_not_made(machine, package):
@@ -199,6 +215,15 @@ def test_interrupted_upgrade_is_made_good_by_the_next_one(machine, package, next
     last = NEXT_DEFAULT + "# more\n"
     machine.install(version_of("9.2", last))
     assert LOG_CONFIGURATION.read_text() == last
+
+
+def test_purging_after_an_interrupted_upgrade_removes_the_unedited_file(machine, package, next_version):
+    machine.install(package)
+    (DVX / "log4cpp.properties.dpkg-new").mkdir()
+    machine.install(next_version, status=1)
+    (DVX / "log4cpp.properties.dpkg-new").rmdir()
+    assert "was edited" not in machine.purge()
+    assert not DVX.exists()
 
 
 # ---- Removing and purging ----
