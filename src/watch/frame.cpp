@@ -169,8 +169,7 @@ void Composer::body() {
             paragraph(kEssential, kUseful, "State", "No run has told anything here yet.", Style::kStrong);
             break;
         case Situation::Phase::kBegun:
-            paragraph(kEssential, kUseful, "State", "A run has begun. It has told nothing yet.",
-                      Style::kStrong);
+            paragraph(kEssential, kUseful, "State", "A run has begun, or is just ending.", Style::kStrong);
             lastWord();
             break;
         case Situation::Phase::kRunning:

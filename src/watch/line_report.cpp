@@ -124,7 +124,7 @@ std::string LineReport::describe(const Snapshot& snapshot, const Situation& situ
         case Situation::Phase::kNothing:
             return "no run has told anything yet";
         case Situation::Phase::kBegun:
-            return "a run has begun";
+            return "a run has begun, or is just ending";
         case Situation::Phase::kEnded:
             return "";
         case Situation::Phase::kRunning:

@@ -49,11 +49,33 @@ std::string readFile(int fd, std::string& text) {
     return kTooLarge;
 }
 
-const Document<Outcome>* newest(const Document<Outcome>& one, const Document<Outcome>& other) {
-    if (!one.exists || (other.exists && other.changed > one.changed)) {
-        return other.exists ? &other : nullptr;
+// An agent's report may come as migration.result in the middle of a transfer, which tells of its last piece
+// just before. What comes later, or after an older result was put aside, is the result of a later run.
+bool mayBeReport(const Snapshot& snapshot) {
+    constexpr std::chrono::seconds kMoment(2);
+    const Document<RunStatus>& status = snapshot.status;
+    return status.content && isTransfer(*status.content) &&
+           snapshot.result.changed - status.changed < kMoment &&
+           snapshot.resultPutAside.value_or(FileTime()) <= status.changed;
+}
+
+const Document<Outcome>* latestOutcome(const Snapshot& snapshot) {
+    const Document<Outcome>* latest = nullptr;
+    if (snapshot.result.exists && !mayBeReport(snapshot)) {
+        latest = &snapshot.result;
     }
-    return &one;
+    if (snapshot.transferResult.exists &&
+        (latest == nullptr || snapshot.transferResult.changed > latest->changed)) {
+        latest = &snapshot.transferResult;
+    }
+    return latest;
+}
+
+/// When the latest run began whose result is not here yet, as far as the numbered results tell.
+std::optional<FileTime> latestBeginning(const Snapshot& snapshot) {
+    const std::optional<FileTime> none;
+    return std::max(snapshot.result.exists ? none : snapshot.resultPutAside,
+                    snapshot.transferResult.exists ? none : snapshot.transferResultPutAside);
 }
 
 }  // namespace
@@ -109,21 +131,19 @@ void SessionWatch::refresh(int directory, Document<T>& document, Identity& known
 }
 
 // A result is put aside by giving it a number when the next run begins: that is when its entry changed last.
-void SessionWatch::findPutAside(int directory, const std::string& name, PutAside& latest) {
+std::optional<FileTime> SessionWatch::lastPutAside(int directory, const std::string& name, unsigned& number) {
     struct stat status {};
-    const auto exists = [&](unsigned number) {
-        return fstatat(directory, (name + "." + std::to_string(number)).c_str(), &status,
+    const auto exists = [&](unsigned each) {
+        return fstatat(directory, (name + "." + std::to_string(each)).c_str(), &status,
                        AT_SYMLINK_NOFOLLOW) == 0;
     };
-    if (latest.number != 0 && !exists(latest.number)) {
-        latest = {};
+    if (number != 0 && !exists(number)) {
+        number = 0;
     }
-    while (exists(latest.number + 1)) {
-        ++latest.number;
+    while (exists(number + 1)) {
+        ++number;
     }
-    if (latest.number != 0 && exists(latest.number)) {
-        latest.when = timeOf(status.st_ctim);
-    }
+    return number != 0 && exists(number) ? std::optional(timeOf(status.st_ctim)) : std::nullopt;
 }
 
 const Snapshot& SessionWatch::look() {
@@ -140,15 +160,9 @@ const Snapshot& SessionWatch::look() {
     refresh(directory.fd(), snapshot_.dumper, dumper_, &parseDumperStatus);
     refresh(directory.fd(), snapshot_.result, result_, &parseOutcome);
     refresh(directory.fd(), snapshot_.transferResult, transferResult_, &parseOutcome);
-    findPutAside(directory.fd(), snapshot_.result.name, results_);
-    findPutAside(directory.fd(), snapshot_.transferResult.name, transferResults_);
-    snapshot_.begun.reset();
-    if (!snapshot_.result.exists && results_.number != 0) {
-        snapshot_.begun = results_.when;
-    }
-    if (!snapshot_.transferResult.exists && transferResults_.number != 0) {
-        snapshot_.begun = std::max(snapshot_.begun.value_or(FileTime()), transferResults_.when);
-    }
+    snapshot_.resultPutAside = lastPutAside(directory.fd(), snapshot_.result.name, results_);
+    snapshot_.transferResultPutAside =
+        lastPutAside(directory.fd(), snapshot_.transferResult.name, transferResults_);
     return snapshot_;
 }
 
@@ -160,29 +174,24 @@ Situation judge(const Snapshot& snapshot) {
     }
     const RunStatus* status = snapshot.status.content ? &*snapshot.status.content : nullptr;
     const bool active = status != nullptr && isActive(*status);
-    if (active) {
-        // An agent's report may come as migration.result in the middle of a transfer.
-        const Document<Outcome>& outcome = isTransfer(*status) ? snapshot.transferResult : snapshot.result;
-        situation.outcome = outcome.exists && outcome.changed > snapshot.status.changed ? &outcome : nullptr;
-    } else {
-        situation.outcome = newest(snapshot.result, snapshot.transferResult);
-    }
-    if (situation.outcome != nullptr &&
-        (active || !snapshot.begun || *snapshot.begun <= situation.outcome->changed)) {
+    const FileTime told = snapshot.status.exists ? snapshot.status.changed : FileTime();
+    const std::optional<FileTime> begun = latestBeginning(snapshot);
+    const Document<Outcome>* const outcome = latestOutcome(snapshot);
+    // At its end a run tells that it is idle just before it leaves its result: both may have the same time.
+    if (outcome != nullptr && begun <= outcome->changed &&
+        (outcome->changed > told || (!active && outcome->changed == told))) {
         situation.phase = Situation::Phase::kEnded;
-        situation.lastWord = situation.outcome->changed;
-        return situation;
-    }
-    situation.outcome = nullptr;
-    if (active) {
+        situation.outcome = outcome;
+        situation.lastWord = outcome->changed;
+    } else if (active && begun <= told) {
         situation.phase = Situation::Phase::kRunning;
         situation.status = status;
-        situation.dumperIsCurrent = snapshot.dumper.exists && !isTransfer(*status) &&
-                                    snapshot.dumper.changed >= snapshot.status.changed;
-        situation.lastWord = situation.dumperIsCurrent ? snapshot.dumper.changed : snapshot.status.changed;
-    } else if (snapshot.begun || snapshot.status.exists) {
+        situation.dumperIsCurrent =
+            snapshot.dumper.exists && !isTransfer(*status) && snapshot.dumper.changed >= told;
+        situation.lastWord = situation.dumperIsCurrent ? snapshot.dumper.changed : told;
+    } else if (begun || snapshot.status.exists) {
         situation.phase = Situation::Phase::kBegun;
-        situation.lastWord = std::max(snapshot.begun.value_or(FileTime()), snapshot.status.changed);
+        situation.lastWord = std::max(begun.value_or(told), told);
     }
     return situation;
 }

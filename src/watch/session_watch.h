@@ -36,8 +36,9 @@ struct Snapshot {
     Document<DumperStatus> dumper{"dumping-status.xml"};
     Document<Outcome> result{"migration.result"};
     Document<Outcome> transferResult{"transfer.result"};
-    /// When the latest run began whose result is not here yet, as far as the numbered results tell.
-    std::optional<FileTime> begun;
+    /// When the latest result of that name was put aside under a number: a run began that leaves another.
+    std::optional<FileTime> resultPutAside;
+    std::optional<FileTime> transferResultPutAside;
 };
 
 /// Looks into a session directory. Nothing there is changed; only regular files are opened, whatever the
@@ -61,24 +62,18 @@ class SessionWatch {
         bool operator==(const Identity&) const = default;
     };
 
-    /// The latest of the results that were put aside under a number.
-    struct PutAside {
-        unsigned number = 0;
-        FileTime when{};
-    };
-
     static Identity identityOf(const struct stat& status);
     template <typename T>
     void refresh(int directory, Document<T>& document, Identity& known, T (*parse)(const std::string&));
-    static void findPutAside(int directory, const std::string& name, PutAside& latest);
+    static std::optional<FileTime> lastPutAside(int directory, const std::string& name, unsigned& number);
 
     Snapshot snapshot_;
     Identity status_;
     Identity dumper_;
     Identity result_;
     Identity transferResult_;
-    PutAside results_;
-    PutAside transferResults_;
+    unsigned results_ = 0;  // the number of the latest that was put aside
+    unsigned transferResults_ = 0;
 };
 
 /// What a snapshot means. The pointers lead into it.
@@ -86,7 +81,7 @@ struct Situation {
     enum class Phase {
         kNoDirectory,
         kNothing,  ///< no run has told anything
-        kBegun,    ///< a run has begun, or was cut off, and has told nothing but that
+        kBegun,    ///< a run has told no more than that it begins or is ending, or was killed then
         kRunning,
         kEnded,
     };
@@ -100,6 +95,7 @@ struct Situation {
     FileTime lastWord{};
 };
 
+/// The newest document tells. Several runs may have left theirs, one after another, each as far as it got.
 Situation judge(const Snapshot& snapshot);
 
 }  // namespace korva

@@ -69,6 +69,21 @@ def test_run_that_says_nothing_any_more_is_told_from_one_that_goes_on(watch, rec
     assert re.search(r"no update for (9[5-9]|1\d\d) s", watch.on_terminal(recorded.path).shows("no update"))
 
 
+@pytest.mark.parametrize("result", ["migration.result", "transfer.result"])
+def test_run_that_connects_is_told_from_the_earlier_one(watch, recorded, result):
+    recorded.golden(result, "result-success", age=500)
+    recorded.golden("migration.status", IDLE)
+    status, out, _ = watch.run("--once", recorded.path)
+    assert (status, "A run has begun" in out, "SUCCESS" in out) == (3, True, False)
+
+
+def test_run_after_a_killed_transfer_is_told(watch, recorded):
+    recorded.golden("migration.status", "migration-status-transfer-files", age=4000)
+    recorded.golden("migration.result", "result-success")
+    status, out, _ = watch.run("--once", recorded.path)
+    assert (status, "SUCCESS" in out, "fetching" in out) == (0, True, False)
+
+
 def test_success_is_shown(watch, recorded):
     recorded.golden("migration.status", IDLE)
     recorded.golden("transfer.result", "result-success")
@@ -208,8 +223,8 @@ def test_small_terminal_has_the_chief_things(watch, recorded):
     recorded.golden("migration.status", "migration-status-transfer-files")
     text = watch.on_terminal(recorded.path, 40, 10).shows("fetching content", "51 %  1.0 of 2.0 KiB", "30 %  3 of 10")
     assert max(map(len, text.splitlines())) <= 40
-    recorded.golden("transfer.result", "result-chain-of-errors")
     recorded.golden("migration.status", IDLE)
+    recorded.golden("transfer.result", "result-chain-of-errors")
     watch.on_terminal(recorded.path, 40, 10).shows("FAILED", "ExampleInner", "Cannot read dump.xml")
 
 
@@ -295,8 +310,8 @@ def test_lines_are_printed_for_changes_until_the_run_ends(watch, recorded):
         lines = [process.stdout.readline().decode()]
         recorded.golden("migration.status", "migration-status-transfer-files")
         lines.append(process.stdout.readline().decode())
-        recorded.golden("transfer.result", "result-chain-of-errors")
         recorded.golden("migration.status", IDLE)
+        recorded.golden("transfer.result", "result-chain-of-errors")
         status, rest, err = finished(process)
     lines += rest.splitlines(keepends=True)
     stamp = re.compile(r"^\d{4}-\d\d-\d\d \d\d:\d\d:\d\d ")

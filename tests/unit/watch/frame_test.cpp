@@ -99,6 +99,16 @@ TEST_F(FrameOf, LongSilenceIsToldInSeconds) {
     EXPECT_THAT(screen(), HasSubstr("no update for 95 s"));
 }
 
+TEST_F(FrameOf, RunThatWasKilledBetweenItsLastWordAndItsResultIsToldByItsSilence) {
+    fail();
+    snapshot.transferResult.changed = at(-500);
+    RunStatus idle;
+    idle.state = RunStatus::State::kIdle;
+    write(snapshot.status, idle, at(-95));
+    EXPECT_THAT(screen(), AllOf(HasSubstr("A run has begun, or is just ending."),
+                                HasSubstr("no update for 95 s"), Not(HasSubstr("FAILED"))));
+}
+
 TEST_F(FrameOf, ClockThatWasSetBackMakesNoNegativeAge) {
     beFetching();
     snapshot.status.changed = at(500);

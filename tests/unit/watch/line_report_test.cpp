@@ -128,7 +128,9 @@ TEST_F(Lines, MomentBetweenTheEndOfARunAndItsResultIsNotTheBeginningOfOne) {
     tell(idle);
     EXPECT_THAT(after(milliseconds(250)), IsEmpty());
     EXPECT_THAT(after(milliseconds(500)), IsEmpty());
-    EXPECT_THAT(after(milliseconds(500)), ElementsAre("T a run has begun"));
+    EXPECT_THAT(after(milliseconds(500)), ElementsAre("T a run has begun, or is just ending"));
+    EXPECT_THAT(after(seconds(9)), IsEmpty());
+    EXPECT_THAT(after(seconds(1)), ElementsAre("T a run has begun, or is just ending, no update for 10 s"));
 }
 
 TEST_F(Lines, ResultThatCannotBeReadIsTold) {

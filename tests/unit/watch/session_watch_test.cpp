@@ -48,12 +48,12 @@ class SessionWatching : public testing::Test {
     }
     Situation look() { return judge(watch.look()); }
 
+    static constexpr std::time_t kFirst = 1'700'000'000;
+
     TempDir directory;
     SessionWatch watch{directory.path()};
 
   private:
-    static constexpr std::time_t kFirst = 1'700'000'000;
-
     int made_ = 0;
 };
 
@@ -78,6 +78,22 @@ TEST_F(SessionWatching, EmptyDirectoryTellsNothing) {
 TEST_F(SessionWatching, IdleWithoutAResultIsARunThatHasBegun) {
     make("migration.status", kIdle);
     EXPECT_EQ(look().phase, Phase::kBegun);
+}
+
+TEST_F(SessionWatching, IdleThatIsNewerThanEveryResultIsARunThatHasBegun) {
+    make("transfer.result", kSuccess);
+    make("migration.result", kSuccess);
+    make("migration.status", kIdle);
+    const Situation situation = look();
+    EXPECT_EQ(situation.phase, Phase::kBegun);
+    EXPECT_EQ(situation.outcome, nullptr);
+    EXPECT_EQ(situation.lastWord, watch.look().status.changed);
+}
+
+TEST_F(SessionWatching, ResultOfTheMomentOfIdleIsTheOutcome) {
+    makeAt(kFirst, "migration.status", kIdle);
+    makeAt(kFirst, "migration.result", kSuccess);
+    EXPECT_EQ(look().phase, Phase::kEnded);
 }
 
 TEST_F(SessionWatching, ActiveStateIsARunThatGoesOn) {
@@ -108,6 +124,31 @@ TEST_F(SessionWatching, ReportOfAnAgentIsNotTheOutcomeOfTheTransferThatBringsIt)
     make("migration.result", kSuccess);
     EXPECT_EQ(look().phase, Phase::kRunning);
     make("transfer.result", kSuccess);
+    EXPECT_EQ(look().phase, Phase::kEnded);
+}
+
+TEST_F(SessionWatching, ResultOfALaterRunIsTheOutcomeThoughATransferWasKilled) {
+    makeAt(kFirst, "migration.status", kFetching);
+    makeAt(kFirst + 4000, "migration.result", kSuccess);
+    const Situation situation = look();
+    EXPECT_EQ(situation.phase, Phase::kEnded);
+    EXPECT_EQ(situation.outcome->name, "migration.result");
+}
+
+TEST_F(SessionWatching, ResultOfALaterRunIsTheOutcomeThoughADumpWasKilled) {
+    make("migration.status", kWaiting);
+    make("transfer.result", kSuccess);
+    EXPECT_EQ(look().outcome->name, "transfer.result");
+}
+
+TEST_F(SessionWatching, RunThatFollowsAKilledTransferAtOnceIsTold) {
+    make("migration.result", kSuccess);
+    make("migration.status", kFetching);
+    putAside("migration.result", 1);
+    const Situation situation = look();
+    EXPECT_EQ(situation.phase, Phase::kBegun);
+    EXPECT_GT(situation.lastWord, watch.look().status.changed);
+    make("migration.result", kSuccess);
     EXPECT_EQ(look().phase, Phase::kEnded);
 }
 
