@@ -14,6 +14,7 @@ from harness.content import RESULT, get_content
 from harness.manual import Page
 from harness.program import source
 from harness.relay import STALL, Fault
+from harness.waiting import wait_until
 from harness.watch import RecordedSession, finished
 
 MIB = 1024 * 1024
@@ -171,7 +172,7 @@ def test_half_documents_are_noted_and_the_last_whole_one_stays(watch, recorded):
         screen.shows("migration.status is " + ("not a whole document" if size else "empty"), "51 %")
     (recorded.path / "migration.status").write_text(whole.replace('left="7"', 'left="2"'), "utf-8")
     screen.shows("80 %  8 of 10")
-    assert "Note" not in screen.text
+    wait_until(lambda: "Note" not in screen.text, "no note")  # the rows of a screen come one by one
 
 
 @pytest.mark.parametrize("text", [
