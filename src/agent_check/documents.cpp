@@ -8,6 +8,7 @@ namespace korva::agent_check {
 namespace {
 
 constexpr std::string_view kDeclaration = "<?xml";
+constexpr std::string_view kRefusal = "are not accepted";  // in the messages of XmlParser
 constexpr const char* kNothing = "it is empty";
 
 class Unread : public XmlContentSink {
@@ -75,7 +76,9 @@ std::optional<std::size_t> noiseBefore(const std::string& text, const std::strin
                text.compare(at, kDeclaration.size(), kDeclaration) == 0;
     };
     const std::size_t first = text.find('<');
-    if (first == std::string::npos || text.compare(first, 2, "<!") == 0 || faultOfText(text).empty()) {
+    const std::string fault = first == std::string::npos ? "" : faultOfText(text);
+    // A parser that refuses what a document declares has found nothing wrong before it.
+    if (fault.empty() || fault.find(kRefusal) != std::string::npos) {
         return std::nullopt;
     }
     int places = 0;

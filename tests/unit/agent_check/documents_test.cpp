@@ -40,15 +40,26 @@ TEST(Noise, MayHoldMarkupItself) {
     EXPECT_EQ(4U, noiseBefore("<a>\n<a/>", "a"));
 }
 
+TEST(Noise, MayBeginAsADocumentDoes) {
+    EXPECT_EQ(18U, noiseBefore("<!-- hello -->you\n<a/>", "a"));
+    EXPECT_EQ(23U, noiseBefore("<!DOCTYPE html>\nWelcome<a/>", "a"));
+    EXPECT_EQ(13U, noiseBefore("<!-- you -->\n<?xml version='1.0'?><a/>", "a"));
+}
+
 TEST(Noise, IsNoneBeforeADocumentAndWithoutOne) {
-    for (const char* text : {"<a/>", "\n<a/>", "noise <a>", ""}) {
+    for (const char* text : {"<a/>", "\n<a/>", "<!-- hello -->\n<!DOCTYPE a><a/>", "noise <a>", ""}) {
         EXPECT_EQ(std::nullopt, noiseBefore(text, "a")) << text;
     }
 }
 
 TEST(Noise, IsNotTheDocumentItselfBeforeAPartOfIt) {
     EXPECT_EQ(std::nullopt, noiseBefore("<a><b/>", "a"));
-    EXPECT_EQ(std::nullopt, noiseBefore("<!DOCTYPE a [<!ENTITY b 'c'>]><a/>", "a"));
+    for (const char* prolog : {"", "<?xml version='1.0'?>\n", "<!-- hello -->"}) {
+        for (const char* declaration : {"<!ENTITY b 'c'>", "<!ATTLIST a b CDATA 'c'>"}) {
+            const std::string text = std::string(prolog) + "<!DOCTYPE a [" + declaration + "]><a/>";
+            EXPECT_EQ(std::nullopt, noiseBefore(text, "a")) << text;
+        }
+    }
 }
 
 TEST(ChildOfRoot, IsTheTextOfTheFirstOne) {
