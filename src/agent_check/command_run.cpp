@@ -249,6 +249,9 @@ CommandResult runCommand(const std::string& line, const std::string& input, std:
                          LongOutput longOutput, Watcher* watcher) {
     checkInterruption();
     const Clock::time_point deadline = Clock::now() + timeLimit;
+    if (watcher != nullptr) {
+        watcher->begin();
+    }
     return Run(line, input, longOutput).wait(deadline, watcher);
 }
 

@@ -24,6 +24,8 @@ struct CommandResult {
 class Watcher {
   public:
     virtual ~Watcher() = default;
+    /// A command is about to run, which need not be the first one.
+    virtual void begin() = 0;
     /// Is readable when there is an event.
     virtual int fd() const = 0;
     virtual void read() = 0;

@@ -7,24 +7,37 @@
 
 #include <fcntl.h>
 #include <sys/inotify.h>
-#include <sys/stat.h>
 
 #include <array>
 #include <cerrno>
 #include <climits>
 #include <cstring>
-#include <string_view>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
 
 namespace korva::agent_check {
 namespace {
 
 constexpr std::size_t kEventsAtOnce = 64;
+constexpr std::uint32_t kComes = IN_CREATE | IN_MOVED_TO;
+constexpr std::uint32_t kGoes = IN_DELETE | IN_MOVED_FROM;
+constexpr const char* kDescriptors = "/proc/self/fd";
+
+std::string faultOfStatus(const std::string& path) {
+    if (!std::filesystem::is_regular_file(path)) {
+        return "it is no regular file";
+    }
+    std::ifstream file(path, std::ios::binary);
+    return faultOfText({std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()});
+}
 
 }  // namespace
 
 StatusWatch::StatusWatch(std::string directory, const Login& login)
     : directory_(std::move(directory)), login_(login), inotify_(inotify_init1(IN_CLOEXEC | IN_NONBLOCK)) {
-    if (inotify_add_watch(inotify_.fd(), directory_.c_str(), IN_MODIFY | IN_MOVED_TO) < 0) {
+    if (inotify_add_watch(inotify_.fd(), directory_.c_str(), kComes | kGoes | IN_MODIFY | IN_CLOSE_WRITE) <
+        0) {
         throwSystemError("Cannot watch " + directory_, errno);
     }
 }
@@ -44,27 +57,44 @@ void StatusWatch::read() {
             if (name != files::getRemoteDumpingStatusFileName()) {
                 continue;
             }
-            wasSeen_ = true;
-            if ((event.mask & IN_MODIFY) != 0) {
-                wasWrittenInPlace_ = true;
-            } else {
-                look();
-            }
+            note(event.mask);
         }
     }
 }
 
-void StatusWatch::look() {
-    const std::string name = files::getRemoteDumpingStatusFileName();
-    struct stat status {};
-    if (stat((directory_ + "/" + name).c_str(), &status) != 0) {
-        return;  // there may be none
+void StatusWatch::note(std::uint32_t mask) {
+    if ((mask & kGoes) != 0) {
+        isGone_ = hasCome_;  // one that an earlier dump has left may go
+        wasCreated_ = false;
+        return;
+    }
+    if ((mask & kComes) != 0) {
+        wasMissing_ = wasMissing_ || isGone_;
+        isGone_ = false;
+        hasCome_ = true;
+        wasCreated_ = (mask & IN_CREATE) != 0;
+        look();
+    } else if ((mask & IN_MODIFY) != 0 || wasCreated_) {
+        // A link is not open; what is, was empty at first even where nothing was written.
+        wasWrittenInPlace_ = true;
+        fault_.clear();
     }
     wasSeen_ = true;
-    if (!login_.mayRead(directory_, name)) {
+}
+
+// The name may lead to another file at the next moment, or to none.
+void StatusWatch::look() {
+    const Descriptor file(
+        open((directory_ + "/" + files::getRemoteDumpingStatusFileName()).c_str(), O_PATH | O_CLOEXEC));
+    if (file.fd() < 0) {
+        return;
+    }
+    wasSeen_ = true;
+    const std::string number = std::to_string(file.fd());
+    if (!login_.mayRead(kDescriptors, number)) {
         wasUnreadable_ = true;
     } else if (!wasWrittenInPlace_ && fault_.empty()) {
-        fault_ = faultOfFile(directory_ + "/" + name);
+        fault_ = faultOfStatus(std::string(kDescriptors).append("/").append(number));
     }
 }
 

@@ -69,6 +69,19 @@ TEST_F(CommandRun, HasNoTerminalAndASessionOfItsOwn) {
     EXPECT_EQ(sid, pid);
 }
 
+TEST_F(CommandRun, TellsAWatcherThatItBegins) {
+    struct Counter : Watcher {
+        void begin() override { ++begun; }
+        int fd() const override { return -1; }
+        void read() override {}
+        int begun = 0;
+    } counter;
+    for (int run = 1; run <= 2; ++run) {
+        runCommand("true", "", kPatience, LongOutput::kIsCut, &counter);
+        EXPECT_EQ(run, counter.begun);
+    }
+}
+
 TEST_F(CommandRun, TellsTheSignalThatEndedIt) {
     EXPECT_EQ(128 + SIGKILL, run("kill -KILL $$").status);
 }

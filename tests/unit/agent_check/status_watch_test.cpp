@@ -7,7 +7,7 @@
 
 #include <gtest/gtest.h>
 
-#include <unistd.h>
+#include <sys/stat.h>
 
 #include <cstdio>
 #include <filesystem>
@@ -45,6 +45,79 @@ TEST_F(StatusWatchTest, IsContentWithAStatusThatIsReplaced) {
     watch.look();
     EXPECT_TRUE(watch.wasSeen());
     EXPECT_FALSE(watch.wasWrittenInPlace());
+    EXPECT_FALSE(watch.wasMissing());
+    EXPECT_EQ("", watch.fault());
+}
+
+TEST_F(StatusWatchTest, IsContentWithAFirstOneThatIsLinked) {
+    test::writeFile(dir / "new", "<a/>");
+    std::filesystem::create_hard_link(dir / "new", status);
+    std::filesystem::remove(dir / "new");
+    watch.read();
+    watch.look();
+    EXPECT_TRUE(watch.wasSeen());
+    EXPECT_FALSE(watch.wasWrittenInPlace());
+    EXPECT_FALSE(watch.wasMissing());
+    EXPECT_EQ("", watch.fault());
+}
+
+TEST_F(StatusWatchTest, IsContentWithOneThatIsRemovedAtTheEnd) {
+    replace("<a/>");
+    std::filesystem::remove(status);
+    watch.read();
+    watch.look();
+    EXPECT_TRUE(watch.wasSeen());
+    EXPECT_FALSE(watch.wasMissing());
+    EXPECT_EQ("", watch.fault());
+}
+
+TEST_F(StatusWatchTest, IsContentWhenOneOfAnEarlierDumpIsRemoved) {
+    replace("<old/>");
+    StatusWatch later(dir.path(), login);
+    std::filesystem::remove(status);
+    later.read();
+    EXPECT_FALSE(later.wasSeen());
+    replace("<a/>");
+    later.read();
+    EXPECT_TRUE(later.wasSeen());
+    EXPECT_FALSE(later.wasMissing());
+}
+
+TEST_F(StatusWatchTest, IsContentWhenOneOfAFailedStartIsRemoved) {
+    watch.begin();
+    replace("<old/>");
+    watch.read();
+    watch.begin();
+    std::filesystem::remove(status);
+    replace("<a/>");
+    watch.read();
+    EXPECT_FALSE(watch.wasMissing());
+}
+
+TEST_F(StatusWatchTest, FindsThatThereIsNoneBetweenTwo) {
+    replace("<a/>");
+    std::filesystem::remove(status);
+    replace("<b/>");
+    watch.read();
+    EXPECT_TRUE(watch.wasMissing());
+    EXPECT_FALSE(watch.wasWrittenInPlace());
+}
+
+TEST_F(StatusWatchTest, FindsThatOneIsMovedAwayBeforeTheNextIsLinked) {
+    replace("<a/>");
+    std::filesystem::rename(status, dir / "old");
+    test::writeFile(dir / "new", "<b/>");
+    std::filesystem::create_hard_link(dir / "new", status);
+    watch.read();
+    EXPECT_TRUE(watch.wasMissing());
+    EXPECT_FALSE(watch.wasWrittenInPlace());
+}
+
+TEST_F(StatusWatchTest, FindsAnEmptyOneThatIsMadeUnderItsName) {
+    test::writeFile(status, "");
+    replace("<a/>");
+    watch.read();
+    EXPECT_TRUE(watch.wasWrittenInPlace());
     EXPECT_EQ("", watch.fault());
 }
 
@@ -74,6 +147,12 @@ TEST_F(StatusWatchTest, LooksAtTheLastOne) {
     watch.look();
     EXPECT_TRUE(watch.wasSeen());
     EXPECT_NE("", watch.fault());
+}
+
+TEST_F(StatusWatchTest, DoesNotWaitForTheOtherEndOfAFifo) {
+    ASSERT_EQ(0, mkfifo(status.c_str(), S_IRUSR | S_IRGRP | S_IROTH));
+    watch.read();
+    EXPECT_EQ("it is no regular file", watch.fault());
 }
 
 TEST_F(StatusWatchTest, FindsOneThatTheLoginCannotRead) {
