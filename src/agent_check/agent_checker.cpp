@@ -10,6 +10,7 @@
 
 #include <fstream>
 #include <iterator>
+#include <sstream>
 
 namespace korva::agent_check {
 namespace {
@@ -17,6 +18,8 @@ namespace {
 namespace fs = std::filesystem;
 
 constexpr const char* kDumpName = "dump.xml";
+constexpr const char* kOverDump = "over an earlier dump ";
+constexpr const char* kOverRest = "over what is left when all is fetched ";
 constexpr std::size_t kUuidSize = 36;  // without the NUL behind it
 
 std::string contentOf(const std::string& path) {
@@ -43,8 +46,7 @@ AgentChecker::AgentChecker(const CheckRequest& request, const std::string& place
 void AgentChecker::run() {
     adoptOrphans();
     if (prepare() && checkStatus() && checkDump() && checkFirstList()) {
-        checkRemoval();
-        checkDumpOverDump();
+        checkFurtherDumps();
         if (!report_.isTold(rules::kModes)) {
             report_.tell(rules::kModes, Verdict::kOk, "nothing has to be executable");
         }
@@ -107,20 +109,22 @@ CommandResult AgentChecker::executeWithModes(const std::string& command, const s
 }
 
 std::string AgentChecker::faultOf(const CommandResult& result) const {
+    const std::string limit = std::to_string(request_.timeLimit.count()).append(" s");
     if (result.keptOpen) {
-        return "the agent has ended, but something that it left behind kept its output open; it was ended "
-               "after " +
-               std::to_string(request_.timeLimit.count()) + " s";
+        return "has ended, but something that it left behind kept its output open; it was ended after " +
+               limit;
     }
     if (result.timedOut) {
-        return "was still running after " + std::to_string(request_.timeLimit.count()) + " s and was ended" +
-               said(result);
+        return std::string("was still running after ")
+            .append(limit)
+            .append(" and was ended")
+            .append(said(result));
     }
     if (result.exceeded) {
         return "printed more than 16 MiB and was ended";
     }
     if (result.status != 0) {
-        return "ended with " + std::to_string(result.status) + said(result);
+        return std::string("ended with ").append(std::to_string(result.status)).append(said(result));
     }
     return {};
 }
@@ -147,7 +151,8 @@ bool AgentChecker::checkStatus() {
     Findings document(report_, rules::kStatusDocument);
     const std::optional<std::size_t> noiseSize = noiseBefore(result.out, "agentstatus");
     if (noiseSize) {
-        noise.problem("'" + result.out.substr(0, *noiseSize) + "' stands before the answer");
+        noise.problem(
+            std::string("'").append(result.out, 0, *noiseSize).append("' stands before the answer"));
     } else if (const std::string fault = faultOfText(result.out); !fault.empty()) {
         document.problem("the answer is no document: " + fault);
     }
@@ -171,17 +176,17 @@ CommandResult AgentChecker::runDumper(const std::string& firstLine) {
     StatusWatch watch(deployment_.directory(), login_);
     const std::string command = dumperCommand(*agent_, deployment_.directory(), request_.dump, false);
     const std::string input = firstLine + request_.dump.stdinText;
-    CommandResult result =
-        firstLine.empty() ? executeWithModes(command, input, &watch) : execute(command, input, &watch);
+    if (report_.isTold(rules::kDump)) {
+        return execute(command, input, &watch);
+    }
+    CommandResult result = executeWithModes(command, input, &watch);
     watch.look();
-    if (!report_.isTold(rules::kDump)) {
-        Findings dump(report_, rules::kDump);
-        if (const std::string fault = faultOf(result); !fault.empty()) {
-            dump.problem("the dumper " + fault);
-        }
-        if (dump.tell(request_.hasNames ? "the selected objects are dumped" : "everything is dumped")) {
-            tellDumpingStatus(watch);
-        }
+    Findings dump(report_, rules::kDump);
+    if (const std::string fault = faultOf(result); !fault.empty()) {
+        dump.problem("the dumper " + fault);
+    }
+    if (dump.tell(request_.hasNames ? "the selected objects are dumped" : "everything is dumped")) {
+        tellDumpingStatus(watch);
     }
     return result;
 }
@@ -193,12 +198,15 @@ void AgentChecker::tellDumpingStatus(StatusWatch& watch) {
     } else if (watch.wasUnreadable()) {
         status.problem("the login cannot read it");
     } else if (!watch.fault().empty()) {
-        status.problem("it is no document: " + watch.fault());
+        status.problem(watch.fault());
     }
     status.tell("dumping-status.xml is whole and readable");
     Findings replaced(report_, rules::kStatusReplaced);
     if (watch.wasWrittenInPlace()) {
         replaced.problem("dumping-status.xml is written in place");
+    }
+    if (watch.wasMissing()) {
+        replaced.problem("there is no dumping-status.xml for a moment before the next one");
     }
     replaced.tell("dumping-status.xml is only replaced as a whole");
 }
@@ -262,8 +270,9 @@ bool AgentChecker::checkFirstList() {
     if (!isRead) {
         return false;
     }
-    totalIsTrue_ = faultOfTotal(list_, deployment_.directory()).empty();
+    const int problems = report_.problems();
     listIsGood_ = checkList(list_, deployment_.directory(), login_, report_);
+    listIsSound_ = report_.problems() == problems;
     Findings password(report_, rules::kListPassword);
     if (const std::string fault = faultOfPasswordRun(execute(command, password_ + "\n")); !fault.empty()) {
         password.problem("--get-content-list: " + fault);
@@ -301,18 +310,12 @@ void AgentChecker::checkRemoval() {
 }
 
 std::string AgentChecker::faultAfter(const std::set<std::string>& removed) {
-    const CommandResult result = execute(contentListCommand(*agent_, deployment_.directory()), "");
     const std::set<std::string> before = list_.paths();
     const std::string when =
         removed.size() == before.size() ? "when all is fetched, " : "when a file is fetched, ";
-    if (const std::string fault = faultOf(result); !fault.empty()) {
-        return when + "--get-content-list " + fault;
-    }
     ReadList now;
-    const Rule* broken = nullptr;
-    std::string reason;
-    if (!readList(result, now, broken, reason)) {
-        return when + "the list is none any more: " + reason;
+    if (const std::string fault = askForList(now); !fault.empty()) {
+        return when + fault;
     }
     const std::set<std::string> after = now.paths();
     for (const std::string& path : before) {
@@ -327,15 +330,25 @@ std::string AgentChecker::faultAfter(const std::set<std::string>& removed) {
     return fault.empty() ? "" : when + fault;
 }
 
-std::optional<std::set<std::string>> AgentChecker::listedPaths() {
+std::string AgentChecker::askForList(ReadList& list) {
     const CommandResult result = execute(contentListCommand(*agent_, deployment_.directory()), "");
-    ReadList list;
+    if (const std::string fault = faultOf(result); !fault.empty()) {
+        return "--get-content-list " + fault;
+    }
     const Rule* broken = nullptr;
     std::string reason;
-    if (!result.isGood() || !readList(result, list, broken, reason)) {
-        return std::nullopt;
+    return readList(result, list, broken, reason) ? "" : "the list is none any more: " + reason;
+}
+
+std::string AgentChecker::dumpAgain(ReadList& list) {
+    if (const std::string fault = faultOf(runDumper("")); !fault.empty()) {
+        return "the dumper " + fault;
     }
-    return list.paths();
+    if (std::string fault = faultOfDump(); !fault.empty()) {
+        return fault;
+    }
+    login_.own(deployment_.directory() + "/" + kDumpName);
+    return askForList(list);
 }
 
 std::string AgentChecker::faultOfPasswordDump(const CommandResult& result) const {
@@ -353,26 +366,55 @@ std::string AgentChecker::faultOfPasswordDump(const CommandResult& result) const
     return {};
 }
 
+std::string AgentChecker::faultOfDumpOverDump() {
+    ReadList now;
+    if (std::string fault = dumpAgain(now); !fault.empty()) {
+        return fault;
+    }
+    std::ostringstream unheard;
+    Report report(unheard);
+    listIsGood_ = checkList(now, deployment_.directory(), login_, report);
+    if (listIsSound_ && report.problems() != 0) {
+        return report.firstProblem();
+    }
+    list_ = now;
+    totalIsTrue_ = faultOfTotal(list_, deployment_.directory()).empty();
+    return {};
+}
+
+void AgentChecker::checkFurtherDumps() {
+    Findings over(report_, rules::kDumpAgain);
+    const std::set<std::string> first = list_.paths();
+    if (const std::string fault = faultOfDumpOverDump(); !fault.empty()) {
+        over.problem(kOverDump + fault);
+        over.tell({});
+        return;
+    }
+    checkRemoval();
+    checkPasswordDump(list_.paths() == first, over);
+}
+
 // Whether the line is to blame shows in a dump without it.
-void AgentChecker::checkDumpOverDump() {
+void AgentChecker::checkPasswordDump(bool isSteady, Findings& over) {
+    const std::string withLine =
+        "with another line before the lists, which a sudo that does not ask leaves there, ";
+    const std::set<std::string> before = list_.paths();
+    ReadList now;
     std::string fault = faultOfPasswordDump(runDumper(password_ + "\n"));
-    bool isSteady = true;
-    std::string faultWithout;
-    if (!fault.empty() || listedPaths() != list_.paths()) {
-        const CommandResult again = runDumper("");
-        faultWithout = again.isGood() ? faultOfDump() : faultOf(again);
-        isSteady = listedPaths() == list_.paths();
+    if (const std::string ofList = askForList(now); fault.empty() && !ofList.empty()) {
+        fault = withLine + ofList;
+    }
+    if (!fault.empty() || (isSteady && now.paths() != before)) {
+        ReadList without;
+        if (const std::string ofDump = dumpAgain(without); !ofDump.empty()) {
+            over.problem((listIsGood_ ? kOverRest : kOverDump) + ofDump);
+        }
+        isSteady = isSteady && without.paths() == before;
         if (fault.empty() && isSteady) {
-            fault =
-                "with another line before the lists, which a sudo that does not ask leaves there, the dumper "
-                "makes other files";
+            fault = withLine + "the dumper makes other files";
         }
     }
-    Findings over(report_, rules::kDumpAgain);
-    if (!faultWithout.empty()) {
-        over.problem("a second dump fails: " + faultWithout);
-    }
-    if (!over.tell("a second dump succeeds")) {
+    if (!over.tell("further dumps succeed")) {
         return;
     }
     Findings password(report_, rules::kDumpPassword);

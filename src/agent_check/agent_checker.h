@@ -13,7 +13,6 @@
 #include <chrono>
 #include <filesystem>
 #include <memory>
-#include <optional>
 #include <set>
 #include <string>
 #include <vector>
@@ -43,15 +42,22 @@ class AgentChecker {
     bool checkStatus();
     bool checkDump();
     bool checkFirstList();
+    /// Over a whole dump, and over what is left when all of it was fetched.
+    void checkFurtherDumps();
     void checkRemoval();
-    void checkDumpOverDump();
+    void checkPasswordDump(bool isSteady, Findings& over);
 
     CommandResult execute(const std::string& command, const std::string& input, Watcher* watcher = nullptr);
     CommandResult executeWithModes(const std::string& command, const std::string& input,
                                    Watcher* watcher = nullptr);
     CommandResult runDumper(const std::string& firstLine);
     void tellDumpingStatus(StatusWatch& watch);
-    std::optional<std::set<std::string>> listedPaths();
+    /// Why there is no list; empty where there is one.
+    std::string askForList(ReadList& list);
+    /// What is wrong with a further dump, or with what is listed then.
+    std::string dumpAgain(ReadList& list);
+    /// The same; from now on list_ is that of the second dump.
+    std::string faultOfDumpOverDump();
     std::string faultAfter(const std::set<std::string>& removed);
     void remove(const std::string& path);
     std::string faultOf(const CommandResult& result) const;
@@ -68,7 +74,8 @@ class AgentChecker {
     std::vector<std::string> executables_;
     std::set<std::string> left_;
     ReadList list_;
-    bool listIsGood_ = false;
+    bool listIsGood_ = false;   // what is listed can be fetched
+    bool listIsSound_ = false;  // the first one had no problem at all
     bool totalIsTrue_ = false;
 };
 

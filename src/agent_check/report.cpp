@@ -19,6 +19,9 @@ void Report::tell(const Rule& rule, Verdict verdict, const std::string& text, st
     const char* word = "ok       ";
     if (verdict == Verdict::kProblem) {
         word = "problem  ";
+        if (problems_ == 0) {
+            firstProblem_ = text;
+        }
         ++problems_;
     } else if (verdict == Verdict::kWarning) {
         word = "warning  ";

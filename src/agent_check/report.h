@@ -27,10 +27,13 @@ class Report {
     void finish();
 
     int problems() const { return problems_; }
+    /// What was told of the first one.
+    const std::string& firstProblem() const { return firstProblem_; }
 
   private:
     std::ostream& out_;
     std::set<std::string> told_;
+    std::string firstProblem_;
     int good_ = 0;
     int warnings_ = 0;
     int problems_ = 0;

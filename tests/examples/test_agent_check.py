@@ -42,7 +42,7 @@ list() {
     echo "<contentlist size=\"$total\">$files</contentlist>"
 }
 
-listed() { ls | grep '^domain-' || :; echo migration.result; echo dump.xml; }
+listed() { ls | sed -n '/^domain-/p'; echo migration.result; echo dump.xml; }
 
 dump() {
     names=one.example
@@ -249,6 +249,17 @@ DEFECTS = {
     "dumping status is appended to": (in_shared(("replace dumping-status.xml; }",
                                                  "replace dumping-status.xml; echo >>dumping-status.xml; }")),
                                       "status-replaced", "problem"),
+    "dumping status is removed before the next": (
+        in_shared(("status() {", "status() { rm -f dumping-status.xml;")), "status-replaced", "problem"),
+    "dumping status is linked instead of the last": (
+        in_shared(("| replace dumping-status.xml", ">status.new; rm -f dumping-status.xml; ln status.new "
+                                                   "dumping-status.xml; rm status.new")), "status-replaced", "problem"),
+    "dumping status is moved away before the next": (
+        in_shared(("status() {", "status() { [ ! -e dumping-status.xml ] || mv dumping-status.xml status.old;")),
+        "status-replaced", "problem"),
+    "dumping status is made before it is replaced": (
+        in_agent(("    rm -f domain-* dump.xml", "    rm -f domain-* dump.xml; [ -e dumping-status.xml ] || "
+                  ": >dumping-status.xml")), "status-replaced", "problem"),
     "something is left running": (in_agent(("status finished", "status finished; sleep 1000 >/dev/null 2>&1 &")),
                                   "processes", "warning"),
     "list fails": (instead_of_list("exit 1"), "list", "problem"),
@@ -256,12 +267,16 @@ DEFECTS = {
     "list of too many files": (instead_of_list("echo '<contentlist>'; yes '<file/>' | head -n 500001; "
                                                "echo '</contentlist>'"), "list-length", "problem"),
     "noise before the list": (instead_of_list("echo; echo '<?xml version=\"1.0\"?>'; list"), "list-noise", "problem"),
+    "comment and text before the list": (instead_of_list("echo '<!-- hello --> Welcome'; list"), "list-noise", "problem"),
     "list is not well-formed": (in_agent(("</contentlist>", "")), "list-document", "problem"),
     "list is empty": (instead_of_list(":"), "list-document", "problem"),
     "list of another name": (in_agent(("<contentlist size", "<list size"), ("</contentlist>", "</list>")),
                              "list-document", "problem"),
     "list with an entity": (instead_of_list("echo '<!DOCTYPE a [<!ENTITY b \"c\">]>'; list"), "list-document",
                             "problem"),
+    "list with a declaration and an entity": (
+        instead_of_list("echo '<?xml version=\"1.0\"?><!DOCTYPE a [<!ENTITY b \"c\">]>'; list"), "list-document",
+        "problem"),
     "list without a total": (in_agent(('size=\\"$total\\"', "")), "list-numbers", "problem"),
     "total is no number": (in_agent(('size=\\"$total\\"', 'size=\\"$total B\\"')), "list-numbers", "problem"),
     "size is no number": (in_agent(('size=\\"$size\\"', 'size=\\"$size B\\"')), "list-numbers", "problem"),
@@ -282,8 +297,8 @@ DEFECTS = {
     "listed file is a FIFO": (in_agent(("status finished", "rm -f domain-1.tar; mkfifo domain-1.tar; status finished"),
                                        ('[ -f "$name" ]', '[ -e "$name" ]'),
                                        ('md5sum <"$name"', '[ -p "$name" ] || md5sum <"$name"')), "list-files", "problem"),
-    "listed file is closed": (in_agent(("list() {", "list() {\n    chmod 600 domain-1.tar || true"),
-                                       ("echo \"<contentlist", "chmod 0 domain-1.tar || true; echo \"<contentlist")),
+    "listed file is closed": (in_agent(("list() {", "list() {\n    chmod 600 domain-1.tar"),
+                                       ("echo \"<contentlist", "chmod 0 domain-1.tar; echo \"<contentlist")),
                               "list-readable", "problem"),
     "size is not true": (in_agent(("$(stat -c %s \"$name\")", "$(($(stat -c %s \"$name\") + 1))")), "list-sizes",
                          "problem"),
@@ -304,6 +319,21 @@ DEFECTS = {
     "rest is not listed": (in_agent(("listed() {", "listed() { [ -f domain-1.tar ] || return 0;")), "list-removed",
                            "problem"),
     "dumper runs only once": (in_agent(("    rm -f domain-* dump.xml", "    mkdir once")), "dump-again", "problem"),
+    "dumper wants no dump": (in_agent(("    rm -f domain-* dump.xml", "    [ ! -e dump.xml ] || exit 1")), "dump-again",
+                             "problem"),
+    "dumper wants a whole dump": (in_agent(("    rm -f domain-* dump.xml", "    [ -e dump.xml ] || mkdir once")),
+                                  "dump-again", "problem"),
+    "second dump is half": (in_agent(('echo "<dump domains=\\"$number\\"/>"',
+                                      "if [ -e once ]; then echo '<dump>'; else >once; echo '<dump/>'; fi")),
+                            "dump-again", "problem"),
+    "second dump is not listed": (in_agent(("total=0 files=", "total=0 files=; [ ! -e twice ] || exit 1"),
+                                           ("    rm -f domain-* dump.xml", "    [ ! -e dump.xml ] || >twice")),
+                                  "dump-again", "problem"),
+    "list is that of the first dump": (
+        both(instead_of_list("[ -e list.cache ] || list >list.cache; cat list.cache"),
+             in_agent(('echo "the files of $name"', 'mktemp -u'))), "dump-again", "problem"),
+    "each dump makes other files": (in_agent(("number=0", "echo >>dumps; number=$(wc -l <dumps)0")), "dump-password",
+                                    "warning"),
     "dumper takes the first line": (in_agent(("tail -n 1", "head -n 1")), "dump-password", "problem"),
     "dumper repeats its input": (in_agent(("names=$(tail -n 1)", "input=$(cat); echo \"$input\" >&2; "
                                            "names=$(echo \"$input\" | tail -n 1)")), "dump-password", "problem"),
@@ -311,7 +341,9 @@ DEFECTS = {
                                               ("<dump domains=\\\"$number\\\"/>", "<dump>$input</dump>")),
                                      "dump-password", "problem"),
     "file has to be executable": (both(add("bin/count", "#!/bin/sh\necho 1\n", 0o755),
-                                       in_agent(("number=0", "number=$(bin/count)"))), "modes", "problem"),
+                                       in_agent(("number=0", "number=$(bin/count)"),
+                                                ("domain-* dump.xml", "domain-* dump.xml dumping-status.xml"))), "modes",
+                                  "problem"),
 }
 
 
@@ -390,14 +422,34 @@ def test_more_of_the_same_is_counted(check, small):
 
 def test_the_agent_runs_where_a_deployment_puts_it(check, small):
     (small / "control/notes").write_text("for the destination host")
-    in_agent(("--get-status) echo", "--get-status) (pwd; umask; ls -A; ls -l bin lib; cat; env) >&2; exit 1; echo"))(small)
+    in_agent(("--get-status) echo", "--get-status) (pwd; umask; ls -A; ls -l bin lib; cat) >&2; exit 1; echo"))(small)
     (small / "bin/agent.sh").chmod(0o755)
-    output = check(small, env={"OVN_PASSWORD": "of-the-login", "OVN_SUDO_PASSWORD": "of-root"}).output
     # Nothing of "control" is sent, and nothing is executable.
+    output = check(small).output
     assert re.search(r"ended with 1: \S+/tmp/tallowick-agent-check-\w{6}/agent / \d+ / bin / lib / bin: / total \d+ / "
                      r"-rw-r--r-- ", output), output
-    assert "of-the-login" not in output
-    assert "of-root" not in output
+
+
+def test_the_agent_gets_the_environment_without_the_passwords(check, small):
+    in_agent(("--get-status) echo", "--get-status) env | grep OVN_ >&2; exit 1; echo"))(small)
+    output = check(small, env={"OVN_OTHER": "passed on", "OVN_PASSWORD": "of-the-login",
+                               "OVN_SUDO_PASSWORD": "of-root"}).output
+    assert "problem  status: --get-status ended with 1: OVN_OTHER=passed on. Print an answer" in output
+
+
+@pytest.mark.parametrize("old, subject", [("--get-status) echo", "--get-status"), ("status finished", "the dumper")])
+def test_what_keeps_the_output_open_is_told_as_a_sentence(check, small, old, subject):
+    in_agent((old, old.replace("echo", "sleep 1000 & echo").replace("finished", "finished; sleep 1000 &")))(small)
+    assert (f": {subject} has ended, but something that it left behind kept its output open; it was ended after 2 s. "
+            in check("--time-limit=2", small).output)
+
+
+def test_what_a_second_dump_does_wrong_is_told_as_a_sentence(check, small):
+    again = "problem  dump-again: over an earlier dump "
+    in_agent(("    rm -f domain-* dump.xml", "    [ ! -e dump.xml ] || { echo no >&2; exit 3; }"))(small)
+    output = check(small).output
+    assert again + "the dumper ended with 3: no. Let a dump start over what an earlier one has left.\n" in output
+    assert "skipped  until the problems above are mended: list-removed, dump-password\n" in output
 
 
 def test_a_hanging_agent_is_ended_with_all_that_it_has_started(check, small):
@@ -424,8 +476,8 @@ def test_a_dumper_may_print_what_it_likes(check, small):
 
 
 def test_what_is_made_with_odd_modes_is_removed_as_well(check, small):
-    in_agent(("status finished", "mkdir -p closed/in; chmod 0 closed/in closed || true; status finished"),
-             ("    rm -f domain-* dump.xml", "    rm -f domain-* dump.xml; chmod 700 closed || true"))(small)
+    in_agent(("status finished", "mkdir -p closed/in; chmod 0 closed/in closed; status finished"),
+             ("    rm -f domain-* dump.xml", "    rm -f domain-* dump.xml; [ ! -e closed ] || chmod 700 closed"))(small)
     assert check(NAMES, small).status == 0
 
 

@@ -46,12 +46,15 @@ TEST_F(ReportTest, CountsProblemsAndWarningsAndNamesWhatWasNotReached) {
     report.tell(rules::kEntryPoint, Verdict::kProblem, "bad");
     report.skip(rules::kListRemoved, "no list");
     EXPECT_EQ(1, report.problems());
+    report.tell(rules::kInterpreter, Verdict::kProblem, "worse");
+    EXPECT_EQ(2, report.problems());
+    EXPECT_EQ("bad", report.firstProblem());
     out.str("");
     report.finish();
     EXPECT_TRUE(out.str().starts_with("skipped  until the problems above are mended: spec-grammar, "))
         << out.str();
     EXPECT_EQ(std::string::npos, out.str().find("list-removed"));
-    EXPECT_TRUE(out.str().ends_with("\n\n1 problem, 1 warning, 1 ok\n")) << out.str();
+    EXPECT_TRUE(out.str().ends_with("\n\n2 problems, 1 warning, 1 ok\n")) << out.str();
 }
 
 TEST(Rules, HaveDifferentNamesAndAdviceThatIsASentence) {
