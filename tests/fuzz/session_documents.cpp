@@ -22,8 +22,8 @@ void put(korva::Document<T>& document, T (*parse)(const std::string&), const std
     try {
         document.content = parse(text);
         document.problem.clear();
-    } catch (const korva::ExTraceable& e) {
-        document.problem = e.what();
+    } catch (const korva::ExTraceable&) {
+        document.problem = "is not a whole document of its kind";
     }
 }
 
