@@ -14,7 +14,7 @@ packages_of() { # GROUP
                 perl iproute2 util-linux dash bash libxml2-utils procps \
                 mandoc man-db groff-base shellcheck parallel busybox python3-lxml python3-pyte ;;
         package)
-            echo debhelper dpkg-dev lintian ;;
+            echo build-essential debhelper dpkg-dev lintian ;;
         doc)
             echo doxygen ;;
         tools)
