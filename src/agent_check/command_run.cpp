@@ -206,18 +206,20 @@ class Run {
 
     // An agent that is asked to end may tidy up, which it is given a moment for.
     void end() {
-        const Clock::time_point last = Clock::now() + kPatienceWithEnded;
         if (!hasEnded()) {
             kill(-pid_, SIGTERM);
-            while (!hasEnded() && Clock::now() < last) {
+            for (const auto last = Clock::now() + kPatienceWithEnded; !hasEnded() && Clock::now() < last;) {
                 pause(kShortWait);
             }
+        }
+        if (!hasEnded()) {
             kill(-pid_, SIGKILL);
             kill(pid_, SIGKILL);
             while (!hasEnded()) {
                 pause(kShortWait);
             }
         }
+        const Clock::time_point last = Clock::now() + kPatienceWithEnded;
         for (std::vector<pid_t> left = children(); !left.empty() && Clock::now() < last; left = children()) {
             for (const pid_t pid : left) {
                 kill(pid, SIGKILL);

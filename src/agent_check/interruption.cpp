@@ -7,6 +7,8 @@
 namespace korva::agent_check {
 namespace {
 
+constexpr std::initializer_list<int> kSignals = {SIGHUP, SIGINT, SIGQUIT, SIGTERM};
+
 volatile std::sig_atomic_t received = 0;
 sigset_t held;  // none until holdSignals()
 sigset_t before;
@@ -16,7 +18,7 @@ sigset_t before;
 void holdSignals() {
     struct sigaction action {};
     action.sa_handler = [](int signal) { received = signal; };
-    for (const int signal : {SIGHUP, SIGINT, SIGTERM}) {
+    for (const int signal : kSignals) {
         struct sigaction present {};
         sigaction(signal, nullptr, &present);
         if (present.sa_handler != SIG_IGN) {  // nohup(1)
@@ -25,7 +27,7 @@ void holdSignals() {
         }
     }
     sigprocmask(SIG_BLOCK, &held, &before);
-    for (const int signal : {SIGHUP, SIGINT, SIGTERM}) {
+    for (const int signal : kSignals) {
         sigdelset(&before, signal);
     }
 }

@@ -42,6 +42,11 @@ StatusWatch::StatusWatch(std::string directory, const Login& login)
     }
 }
 
+void StatusWatch::begin() {
+    read();  // what happened before
+    found_ = {};
+}
+
 void StatusWatch::read() {
     alignas(inotify_event) std::array<char, kEventsAtOnce*(sizeof(inotify_event) + NAME_MAX + 1)> buffer{};
     for (;;) {
@@ -64,22 +69,22 @@ void StatusWatch::read() {
 
 void StatusWatch::note(std::uint32_t mask) {
     if ((mask & kGoes) != 0) {
-        isGone_ = hasCome_;  // one that an earlier dump has left may go
-        wasCreated_ = false;
+        found_.isGone = found_.hasCome;  // one that an earlier dump has left may go
+        found_.wasCreated = false;
         return;
     }
     if ((mask & kComes) != 0) {
-        wasMissing_ = wasMissing_ || isGone_;
-        isGone_ = false;
-        hasCome_ = true;
-        wasCreated_ = (mask & IN_CREATE) != 0;
+        found_.wasMissing = found_.wasMissing || found_.isGone;
+        found_.isGone = false;
+        found_.hasCome = true;
+        found_.wasCreated = (mask & IN_CREATE) != 0;
         look();
-    } else if ((mask & IN_MODIFY) != 0 || wasCreated_) {
+    } else if ((mask & IN_MODIFY) != 0 || found_.wasCreated) {
         // A link is not open; what is, was empty at first even where nothing was written.
-        wasWrittenInPlace_ = true;
-        fault_.clear();
+        found_.wasWrittenInPlace = true;
+        found_.fault.clear();
     }
-    wasSeen_ = true;
+    found_.wasSeen = true;
 }
 
 // The name may lead to another file at the next moment, or to none.
@@ -89,12 +94,12 @@ void StatusWatch::look() {
     if (file.fd() < 0) {
         return;
     }
-    wasSeen_ = true;
+    found_.wasSeen = true;
     const std::string number = std::to_string(file.fd());
     if (!login_.mayRead(kDescriptors, number)) {
-        wasUnreadable_ = true;
-    } else if (!wasWrittenInPlace_ && fault_.empty()) {
-        fault_ = faultOfStatus(std::string(kDescriptors).append("/").append(number));
+        found_.wasUnreadable = true;
+    } else if (!found_.wasWrittenInPlace && found_.fault.empty()) {
+        found_.fault = faultOfStatus(std::string(kDescriptors).append("/").append(number));
     }
 }
 

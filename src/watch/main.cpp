@@ -27,9 +27,9 @@ constexpr const char* kUsage =
     "  --once    print what there is now, the cause of a failure first, and end\n"
     "  --help    print this text and end\n"
     "\n"
-    "Exit status: 0 the run has succeeded, or the user has ended the watching; 1 the\n"
-    "run has failed; 2 wrong usage, or nobody gets the output; 3 with --once, there\n"
-    "is no outcome of a run.\n";
+    "Exit status: 0 the run has succeeded, or q was pressed; 1 the run has failed; 2\n"
+    "wrong usage, or nobody gets the output; 3 with --once, there is no outcome of a\n"
+    "run.\n";
 
 korva::Charset charset() {
     std::ignore = std::setlocale(LC_CTYPE, "");

@@ -12,6 +12,7 @@
 #include <cerrno>
 #include <cstdint>
 #include <cstring>
+#include <type_traits>
 #include <utility>
 
 namespace korva {
@@ -102,12 +103,16 @@ void SessionWatch::refresh(int directory, Document<T>& document, Identity& known
     }
     document.exists = true;
     document.changed = timeOf(status.st_mtim);
-    if (!S_ISREG(status.st_mode)) {
-        known = {};
-        document.problem = "is no regular file";
+    const bool isRegular = S_ISREG(status.st_mode);
+    if (isRegular && known == identityOf(status)) {
         return;
     }
-    if (known == identityOf(status)) {
+    if constexpr (std::is_same_v<T, Outcome>) {
+        document.content.reset();  // what an earlier run has left tells nothing about this one
+    }
+    if (!isRegular) {
+        known = {};
+        document.problem = "is no regular file";
         return;
     }
     const Descriptor file(openRegularFile(directory, document.name, O_RDONLY));

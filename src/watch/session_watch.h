@@ -22,7 +22,8 @@ struct Document {
 
     std::string name;
     bool exists = false;
-    /// The last content that could be read since the file appeared; what is there now may be worse.
+    /// The last content that could be read since the file appeared; what is there now may be worse. Of a
+    /// result that of the very file that is there now.
     std::optional<T> content;
     std::string problem;  ///< with what is there now; empty when there is none
     FileTime changed{};   ///< when what is there now was written

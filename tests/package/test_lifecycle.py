@@ -278,6 +278,18 @@ def test_purging_leaves_directories_that_others_use_or_have_made(machine, packag
     assert os.listdir(DVX) == []
 
 
+def test_purging_takes_no_offence_at_a_directory_that_was_moved_and_linked(machine, package):
+    machine.configure("PRODUCT_ROOT_D /run/panel\n")
+    machine.install(package)
+    pathlib.Path("/run/panel").rename("/run/moved")
+    pathlib.Path("/run/panel").symlink_to("/run/moved")
+    machine.purge()
+    assert pathlib.Path("/run/panel").is_symlink()
+    assert not pathlib.Path("/run/moved/DVX").exists()
+    pathlib.Path("/run/panel").unlink()
+    pathlib.Path("/run/moved").rmdir()
+
+
 def test_purging_finds_what_was_put_into_an_earlier_product_root(machine, package, next_version):
     machine.install(package)
     machine.configure("PRODUCT_ROOT_D /run/panel\n")

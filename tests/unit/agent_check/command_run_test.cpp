@@ -1,9 +1,13 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "agent_check/command_run.h"
 
+#include "support/files.h"
+#include "support/temp_dir.h"
+
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <cerrno>
 #include <chrono>
 #include <csignal>
 #include <sstream>
@@ -95,6 +99,19 @@ TEST_F(CommandRun, EndsWhatRunsTooLong) {
 
 TEST_F(CommandRun, EndsWhatDoesNotWantToEnd) {
     EXPECT_TRUE(run("trap '' TERM; while :; do sleep 1; done", "", kShort).timedOut);
+}
+
+TEST_F(CommandRun, EndsWhatThatHasStartedInASessionOfItsOwn) {
+    const test::TempDir dir;
+    const std::string file = dir / "pid";
+    EXPECT_TRUE(run("trap '' TERM; setsid sh -c 'echo $$ >" + file +
+                        "; exec sleep 1000' &"
+                        " while :; do sleep 1; done",
+                    "", kShort)
+                    .timedOut);
+    const int pid = std::stoi(test::readFile(file));
+    EXPECT_EQ(-1, kill(pid, 0));
+    EXPECT_EQ(ESRCH, errno);
 }
 
 TEST_F(CommandRun, TellsWhetherOnlyTheOutputWasKeptOpen) {

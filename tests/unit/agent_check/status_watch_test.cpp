@@ -94,6 +94,22 @@ TEST_F(StatusWatchTest, IsContentWhenOneOfAFailedStartIsRemoved) {
     EXPECT_FALSE(watch.wasMissing());
 }
 
+TEST_F(StatusWatchTest, HoldsNothingAgainstASecondRunThatAFirstOneDid) {
+    test::writeFile(status, "<half");
+    watch.read();
+    ASSERT_TRUE(watch.wasWrittenInPlace());
+    std::filesystem::remove(status);
+    replace("<half");
+    watch.begin();
+    EXPECT_FALSE(watch.wasSeen());
+    replace("<a/>");
+    watch.read();
+    EXPECT_TRUE(watch.wasSeen());
+    EXPECT_FALSE(watch.wasWrittenInPlace());
+    EXPECT_FALSE(watch.wasMissing());
+    EXPECT_EQ("", watch.fault());
+}
+
 TEST_F(StatusWatchTest, FindsThatThereIsNoneBetweenTwo) {
     replace("<a/>");
     std::filesystem::remove(status);

@@ -203,6 +203,14 @@ TEST_F(SessionWatching, ResultThatCannotBeReadIsAnEndAllTheSame) {
     EXPECT_FALSE(situation.outcome->content);
 }
 
+TEST_F(SessionWatching, ResultThatCannotBeReadHasNothingOfTheOneBefore) {
+    make("migration.status", kIdle);
+    make("migration.result", "<execution-result status=\"success\"/>");
+    ASSERT_TRUE(look().outcome->content);
+    make("migration.result", "<execution-res");
+    EXPECT_FALSE(look().outcome->content);
+}
+
 TEST_F(SessionWatching, FifosAreNotWaitedFor) {
     for (const char* const name :
          {"migration.status", "migration.result", "transfer.result", "dumping-status.xml"}) {
