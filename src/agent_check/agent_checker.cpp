@@ -281,7 +281,11 @@ bool AgentChecker::checkFirstList() {
     return true;
 }
 
+// The agent has run since the list was judged, and may have put a link in the place of a directory.
 void AgentChecker::remove(const std::string& path) {
+    if (!liesBelow(deployment_.directory(), path)) {
+        return;
+    }
     execute(removeCommand(deployment_.directory() + "/" + path), "");
 }
 

@@ -59,6 +59,7 @@ class AgentChecker {
     /// The same; from now on list_ is that of the second dump.
     std::string faultOfDumpOverDump();
     std::string faultAfter(const std::set<std::string>& removed);
+    /// Nothing that lies outside of the agent directory.
     void remove(const std::string& path);
     std::string faultOf(const CommandResult& result) const;
     std::string faultOfPasswordRun(const CommandResult& result) const;

@@ -83,8 +83,11 @@ class TreeCheck {
 
 }  // namespace
 
+// mkdtemp(3) closes it to all other accounts: what root is about to run must be out of their reach, the
+// login's included, and a dump is nobody's business.
 ThrowAwayDirectory::ThrowAwayDirectory(bool isKept)
-    : path_((fs::temp_directory_path() / "tallowick-agent-check-XXXXXX").string()), isKept_(isKept) {
+    : path_((fs::canonical(fs::temp_directory_path()) / "tallowick-agent-check-XXXXXX").string()),
+      isKept_(isKept) {
     if (!path_.starts_with('/') || sh_quote(path_) != path_) {
         throw std::runtime_error(
             "an agent directory must be an absolute path without blanks and what a shell "
@@ -94,8 +97,6 @@ ThrowAwayDirectory::ThrowAwayDirectory(bool isKept)
     if (mkdtemp(path_.data()) == nullptr) {
         throwSystemError(path_, errno);
     }
-    constexpr mode_t kForOtherAccounts = 0755;
-    chmod(path_.c_str(), kForOtherAccounts);
 }
 
 ThrowAwayDirectory::~ThrowAwayDirectory() {
@@ -185,6 +186,12 @@ void Deployment::setExecutable(const std::vector<std::string>& paths, bool execu
     for (const std::string& path : paths) {
         chmod(path.c_str(), executable ? kArrived | kExecutable : kArrived);
     }
+}
+
+bool liesBelow(const std::string& directory, const std::string& relative) {
+    std::error_code failure;
+    const fs::path parent = fs::canonical((fs::path(directory) / relative).parent_path(), failure);
+    return !failure && isWithin(parent, directory);
 }
 
 void checkTrees(const fs::path& shared, const fs::path& agent, Report& report) {

@@ -10,7 +10,8 @@
 
 namespace korva::agent_check {
 
-/// A directory that is removed with everything in it, whatever modes that has got, unless it is to be kept.
+/// A directory for this account alone, by a path without links. It is removed with everything in it, whatever
+/// modes that has got, unless it is to be kept.
 class ThrowAwayDirectory {
   public:
     /// In TMPDIR, or /tmp. Throws SystemError; std::runtime_error where a path in it is none that an agent
@@ -51,6 +52,11 @@ class Deployment {
     const Login& login_;
     std::vector<std::string> executables_;
 };
+
+/// Whether the name `relative` of a directory stands in that directory or below when all links on the way are
+/// followed. What the name itself leads to does not matter. `directory` is a path without links: where one
+/// has taken its place since, nothing lies below it.
+bool liesBelow(const std::string& directory, const std::string& relative);
 
 /// Judges symbolic links and what is neither a file nor a directory, in the agent and in the shared files.
 void checkTrees(const std::filesystem::path& shared, const std::filesystem::path& agent, Report& report);

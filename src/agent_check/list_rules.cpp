@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "agent_check/list_rules.h"
 
+#include "agent_check/deployment.h"
 #include "agent_check/documents.h"
 #include "agent_check/interruption.h"
 #include "commons/checksum.h"
@@ -68,6 +69,11 @@ class ListCheck {
         const std::optional<std::int64_t> size = sizeOf(path);
         if (!size) {
             files_.problem(quoted(file.name) + " is no file in the agent directory");
+            return;
+        }
+        if (!liesBelow(agentDir_, file.name)) {
+            files_.problem(quoted(file.name) +
+                           " lies outside of the agent directory, and what is fetched is removed");
             return;
         }
         if (!login_.mayRead(agentDir_, file.name)) {

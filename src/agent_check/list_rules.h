@@ -24,7 +24,8 @@ struct ReadList {
 /// program would not take it.
 bool readList(const CommandResult& result, ReadList& list, const Rule*& broken, std::string& reason);
 
-/// Judges a list against what is in the agent directory. False where what it lists cannot be fetched.
+/// Judges a list against what is in the agent directory, a path without links. False where what it lists
+/// cannot be fetched, or is not to be removed.
 bool checkList(const ReadList& list, const std::string& agentDir, const Login& login, Report& report);
 
 /// Why the total is not that of the files; empty where it is.

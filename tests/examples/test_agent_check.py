@@ -180,6 +180,21 @@ def both(*changes):
     return change
 
 
+def outside(agent):
+    """A directory of the login beside the agent, with a file of its user."""
+    directory = agent.parent / "sites"
+    directory.mkdir()
+    (directory / "site.tar").write_text("of the user")
+    if NOT_ROOT:
+        os.chown(directory, LOGIN, LOGIN)
+    return directory
+
+
+def list_through_a_link(agent):
+    in_agent(("listed() {", f"listed() {{ [ -h content ] || ln -s '{outside(agent)}' content; echo content/site.tar;"))(
+        agent)
+
+
 # name -> change of the agent, rule that finds it, verdict
 DEFECTS = {
     "no spec file": (lambda agent: (agent / "control/spec").unlink(), "spec-file", "problem"),
@@ -294,6 +309,7 @@ DEFECTS = {
                                                                "status finished")), "list-names", "warning"),
     "listed file is missing": (on_path("$name.gz"), "list-files", "problem"),
     "path with a newline around it": (on_path("\n$name\n"), "list-files", "problem"),
+    "listed file lies outside": (list_through_a_link, "list-files", "problem"),
     "listed file is a FIFO": (in_agent(("status finished", "rm -f domain-1.tar; mkfifo domain-1.tar; status finished"),
                                        ('[ -f "$name" ]', '[ -e "$name" ]'),
                                        ('md5sum <"$name"', '[ -p "$name" ] || md5sum <"$name"')), "list-files", "problem"),
@@ -481,11 +497,38 @@ def test_what_is_made_with_odd_modes_is_removed_as_well(check, small):
     assert check(NAMES, small).status == 0
 
 
+def test_what_is_listed_through_a_link_to_outside_is_not_removed(check, small):
+    list_through_a_link(small)
+    output = check(NAMES, small).output
+    assert "'content/site.tar' lies outside of the agent directory, and what is fetched is removed. " in output
+    assert "\nskipped  list-removed: what is listed cannot be fetched\n" in output
+    assert "skipped  until the problems above are mended: list-removed" in output
+    assert (small / "../sites/site.tar").read_text() == "of the user"
+
+
+def test_what_a_later_link_leads_to_is_not_removed(check, small):
+    listed = "echo content/site.tar; [ -e migration.result ] || [ -h content ] || { rm -r content; ln -s '%s' content; };"
+    in_agent(("listed() {", "listed() { " + listed % outside(small)),
+             ("number=0", "number=0; rm -rf content; mkdir content; printf 'of the user' >content/site.tar"),
+             ("$(listed)", "$(listed | sort -r)"))(small)
+    assert check(NAMES, small).found() == {"list-removed": "problem"}
+    assert (small / "../sites/site.tar").read_text() == "of the user"
+
+
 def test_the_directory_can_be_kept(check, small):
     output = check(NAMES, "--keep", small).output
     kept = pathlib.Path(re.search(r"^kept     (\S+)$", output, re.MULTILINE)[1])
     assert (kept / "agent/bin/agent.sh").read_text() == AGENT
     assert (kept / "agent/dump.xml").is_file()
+    assert (kept.stat().st_mode & 0o7777, kept.stat().st_uid) == (0o700, LOGIN if NOT_ROOT else os.geteuid())
+    shutil.rmtree(kept)
+
+
+def test_what_root_runs_is_out_of_reach_of_the_login(check, small, root):
+    output = check("--keep", "--allow-root", small, user={}).output
+    kept = pathlib.Path(re.search(r"^kept     (\S+)$", output, re.MULTILINE)[1])
+    assert (kept.stat().st_mode & 0o7777, kept.stat().st_uid) == (0o700, 0)
+    assert (kept / "agent/bin/agent.sh").stat().st_uid != 0    # else the modes would not be judged as the login's
     shutil.rmtree(kept)
 
 
