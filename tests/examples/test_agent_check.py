@@ -474,7 +474,7 @@ def test_a_hanging_agent_is_ended_with_all_that_it_has_started(check, small):
     assert subprocess.run(["pgrep", "-f", "^sleep 1003$"], check=False, stdout=subprocess.DEVNULL).returncode == 1
 
 
-@pytest.mark.parametrize("number", [signal.SIGINT, signal.SIGTERM, signal.SIGHUP])
+@pytest.mark.parametrize("number", [signal.SIGINT, signal.SIGTERM, signal.SIGHUP, signal.SIGQUIT])
 def test_a_signal_ends_the_check_and_the_agent_and_tidies_up(command, small, number):
     in_agent(("--get-status) echo", "--get-status) sleep 1004; echo"))(small)
     started = subprocess.Popen(**command(small), stdout=subprocess.DEVNULL)
