@@ -106,7 +106,8 @@ class Terminal:
             raise AssertionError(f"{error}\n{self.text}") from None
 
     def wait(self, limit=HANGS_AFTER_S):
-        """Waits for the end: the exit status, or the negative number of the signal."""
+        """Waits for the end, and until all that was written is on the screen: the exit status, or the negative number
+        of the signal."""
         end = time.monotonic() + limit
         while self._status is None:
             pid, status = os.waitpid(self.pid, os.WNOHANG)
@@ -117,6 +118,8 @@ class Terminal:
                 raise AssertionError(f"still running after {limit} s\n{self.text}")
             else:
                 time.sleep(0.01)
+        self._reader.join(limit)
+        assert not self._reader.is_alive(), "something else still has the terminal"
         return self._status
 
     def close(self):
