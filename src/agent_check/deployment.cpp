@@ -35,10 +35,6 @@ void openAll(const fs::path& directory) {
     }
 }
 
-bool isWithin(const fs::path& path, const fs::path& top) {
-    return std::mismatch(top.begin(), top.end(), path.begin(), path.end()).first == top.end();
-}
-
 /// Looks through one of the two trees.
 class TreeCheck {
   public:
@@ -186,6 +182,10 @@ void Deployment::setExecutable(const std::vector<std::string>& paths, bool execu
     for (const std::string& path : paths) {
         chmod(path.c_str(), executable ? kArrived | kExecutable : kArrived);
     }
+}
+
+bool isWithin(const fs::path& path, const fs::path& top) {
+    return std::mismatch(top.begin(), top.end(), path.begin(), path.end()).first == top.end();
 }
 
 bool liesBelow(const std::string& directory, const std::string& relative) {

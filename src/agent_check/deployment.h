@@ -53,6 +53,9 @@ class Deployment {
     std::vector<std::string> executables_;
 };
 
+/// Whether `path` is `top` or below it, by their names alone: links are not followed.
+bool isWithin(const std::filesystem::path& path, const std::filesystem::path& top);
+
 /// Whether the name `relative` of a directory stands in that directory or below when all links on the way are
 /// followed. What the name itself leads to does not matter. `directory` is a path without links: where one
 /// has taken its place since, nothing lies below it.

@@ -5,8 +5,8 @@
 
 namespace korva::agent_check {
 
-/// SIGHUP, SIGINT or SIGTERM has come; what was begun is tidied up on the way out. No std::exception, so
-/// that nothing takes it for a failure.
+/// SIGHUP, SIGINT, SIGQUIT or SIGTERM has come; what was begun is tidied up on the way out. No
+/// std::exception, so that nothing takes it for a failure.
 struct Interruption {
     int signal;
 };

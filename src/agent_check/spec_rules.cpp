@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "agent_check/spec_rules.h"
 
+#include "agent_check/deployment.h"
 #include "commons/filesystem.h"
 #include "commons/sh_quote.h"
 
@@ -77,11 +78,9 @@ bool isPlainWord(const std::string& word) {
     return sh_quote(word) == word;
 }
 
-bool isWithin(const std::string& path, const std::string& directory) {
+bool leadsInto(const std::string& directory, const std::string& path) {
     std::error_code failure;
-    const fs::path real = fs::canonical(path, failure);
-    const fs::path top = fs::canonical(directory, failure);
-    return std::mismatch(top.begin(), top.end(), real.begin(), real.end()).first == top.end();
+    return isWithin(fs::canonical(path, failure), fs::canonical(directory, failure));
 }
 
 bool isExecutable(const std::string& path) {
@@ -128,7 +127,7 @@ bool checkEntryPoint(const Agent& agent, const std::string& deployed, Report& re
         findings.problem("'" + entry + "' reaches a shell without quotes and is not what it reads there");
     } else if (!check_input_file(path.c_str())) {
         findings.problem("'" + entry + "' is no file of the deployed agent");
-    } else if (!isWithin(path, deployed)) {
+    } else if (!leadsInto(deployed, path)) {
         findings.problem("'" + entry + "' leads out of the agent directory");
     }
     return findings.tell(entry + " is a file of the agent");

@@ -12,7 +12,6 @@ namespace {
 
 constexpr int kLabelColumns = 11;  // with the margin
 constexpr int kWidestBar = 44;
-constexpr std::chrono::seconds kLong(10);  // without a word of a run
 
 /// What goes first when there is not enough room: the higher, the sooner.
 enum Rank { kEssential, kChief, kUseful, kDetail, kOrnament };
@@ -271,7 +270,7 @@ void Composer::dumper() {
 
 void Composer::lastWord() {
     const std::chrono::seconds since = age(situation_.lastWord);
-    if (since < kLong) {
+    if (since < kLongSilence) {
         field(kUseful, "Update", formatDuration(since) + " ago", Style::kDim);
     } else {
         field(kChief, "Update",

@@ -10,7 +10,6 @@ namespace korva {
 namespace {
 
 constexpr std::chrono::seconds kShortest(1);  // between two lines of progress
-constexpr std::chrono::seconds kLong(10);     // without a word of a run
 
 /// 0, then 10, 20, 40, … seconds.
 std::chrono::seconds silenceStep(const Situation& situation, FileTime now) {
@@ -18,7 +17,7 @@ std::chrono::seconds silenceStep(const Situation& situation, FileTime now) {
         return std::chrono::seconds(0);
     }
     const auto silence = std::chrono::duration_cast<std::chrono::seconds>(now - situation.lastWord);
-    std::chrono::seconds step = kLong;
+    std::chrono::seconds step = kLongSilence;
     while (step * 2 <= silence) {
         step *= 2;
     }

@@ -10,6 +10,9 @@
 
 namespace korva {
 
+/// From here on the silence of a run is told.
+constexpr std::chrono::seconds kLongSilence(10);
+
 /// How much of something there is.
 struct Share {
     std::int64_t done;

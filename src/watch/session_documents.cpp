@@ -42,14 +42,6 @@ bool isElement(const xmlNode* node, const char* name) {
     return node->type == XML_ELEMENT_NODE && tXmlDvxDocument::stringEq(node->name, name);
 }
 
-xmlNodePtr firstElement(xmlNodePtr parent) {
-    xmlNodePtr child = parent->children;
-    while (child != nullptr && child->type != XML_ELEMENT_NODE) {
-        child = child->next;
-    }
-    return child;
-}
-
 // The parser takes the name of the root from here; an empty text would be an error of the caller to it.
 class SessionDocument : public tXmlDvxDocument {
   public:
@@ -189,14 +181,11 @@ Outcome parseOutcome(const std::string& text) {
 DumperStatus parseDumperStatus(const std::string& text) {
     const tXmlDvxDocument document(text.empty() ? std::string(" ") : text);
     DumperStatus status;
-    xmlNodePtr root = document.doc()->children;
-    while (root != nullptr && root->type != XML_ELEMENT_NODE) {
-        root = root->next;
-    }
+    xmlNodePtr root = xmlDocGetRootElement(document.doc().get());
     if (root == nullptr) {
         return status;
     }
-    xmlNodePtr state = firstElement(root);
+    xmlNodePtr state = xmlFirstElementChild(root);
     if (state == nullptr || !isElement(root, "dumping-status")) {
         status.message = describe(state != nullptr ? state : root);
         return status;

@@ -132,13 +132,21 @@ def check(command):
     return run
 
 
+def replace_in(file, changes):
+    text = file.read_text()
+    for old, new in changes:
+        assert old in text, old
+        text = text.replace(old, new)
+    file.write_text(text)
+
+
+def shared_of(agent):
+    return agent.parent / "shared"
+
+
 def in_file(name, *changes):
     def change(agent):
-        text = (agent / name).read_text()
-        for old, new in changes:
-            assert old in text, old
-            text = text.replace(old, new)
-        (agent / name).write_text(text)
+        replace_in(agent / name, changes)
     return change
 
 
@@ -147,7 +155,7 @@ def in_agent(*changes):
 
 
 def in_shared(*changes):
-    return in_file("../shared/lib/shared.sh", *changes)
+    return lambda agent: replace_in(shared_of(agent) / "lib/shared.sh", changes)
 
 
 def in_spec(*changes):
@@ -208,7 +216,7 @@ DEFECTS = {
     "tab behind the interpreter": (in_spec((": sh\n", ": sh\t\n")), "spec-values", "problem"),
     "spec file with CR": (in_spec(("\n", "\r\n")), "spec-values", "problem"),
     "blank behind the description": (in_spec(("small agent", "small agent ")), "spec-values", "warning"),
-    "nothing shared": (both(in_agent((". lib/shared.sh", SHARED)), lambda agent: shutil.rmtree(agent / "../shared")),
+    "nothing shared": (both(in_agent((". lib/shared.sh", SHARED)), lambda agent: shutil.rmtree(shared_of(agent))),
                        "shared", "problem"),
     "directory over a shared file": (both(in_agent((". lib/shared.sh", SHARED)),
                                           lambda agent: (agent / "lib/shared.sh").mkdir(parents=True)),

@@ -17,8 +17,10 @@ constexpr std::size_t kMostRecords = 16;
 constexpr korva::FrameSize kSizes[] = {{80, 24}, {40, 8}, {7, 3}, {1, 1}};
 
 template <typename T>
-void put(korva::Document<T>& document, T (*parse)(const std::string&), const std::string& text) {
+void put(korva::Document<T>& document, T (*parse)(const std::string&), const std::string& text,
+         korva::FileTime time) {
     document.exists = true;
+    document.changed = time;
     try {
         document.content = parse(text);
         document.problem.clear();
@@ -32,20 +34,16 @@ void put(korva::Snapshot& snapshot, const std::string& record, korva::FileTime t
     const std::string text = record.substr(1);
     switch (record.front()) {
         case 's':
-            put(snapshot.status, korva::parseRunStatus, text);
-            snapshot.status.changed = time;
+            put(snapshot.status, korva::parseRunStatus, text, time);
             break;
         case 'd':
-            put(snapshot.dumper, korva::parseDumperStatus, text);
-            snapshot.dumper.changed = time;
+            put(snapshot.dumper, korva::parseDumperStatus, text, time);
             break;
         case 'r':
-            put(snapshot.result, korva::parseOutcome, text);
-            snapshot.result.changed = time;
+            put(snapshot.result, korva::parseOutcome, text, time);
             break;
         case 't':
-            put(snapshot.transferResult, korva::parseOutcome, text);
-            snapshot.transferResult.changed = time;
+            put(snapshot.transferResult, korva::parseOutcome, text, time);
             break;
         default:
             snapshot.directory = text;
