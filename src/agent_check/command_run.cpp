@@ -5,6 +5,7 @@
 #include "commons/arg_list.h"
 #include "commons/bounded_text.h"
 #include "commons/descriptor.h"
+#include "commons/ending_signals.h"
 #include "commons/system_error.h"
 #include "tallowick/content_list.h"
 #include "utils/fork_exec.h"
@@ -159,7 +160,7 @@ class Run {
                                     {err_.fd(), POLLIN, 0},
                                     {status_ ? -1 : pidfd_.fd(), POLLIN, 0},
                                     {watcher == nullptr ? -1 : watcher->fd(), POLLIN, 0}}};
-        if (ppoll(ends.data(), ends.size(), &time, &maskWhileWaiting()) < 0 && errno != EINTR) {
+        if (ppoll(ends.data(), ends.size(), &time, &EndingSignals::maskForWaits()) < 0 && errno != EINTR) {
             throwSystemError("ppoll", errno);
         }
         checkInterruption();

@@ -2,6 +2,7 @@
 #include "agent_check/agent_checker.h"
 #include "agent_check/check_options.h"
 #include "agent_check/interruption.h"
+#include "commons/ending_signals.h"
 #include "commons/session.h"
 #include "utils/log_hook.h"
 #include "xml/log.h"
@@ -99,7 +100,7 @@ int main(int argc, char** argv) {
     std::ignore = std::signal(SIGPIPE, SIG_IGN);
     std::optional<int> interruption;
     try {
-        holdSignals();
+        const EndingSignals signals;
         return statusOfCheck(argc, argv);
     } catch (const Interruption& signal) {
         interruption = signal.signal;
@@ -107,10 +108,6 @@ int main(int argc, char** argv) {
         std::cerr << "tallowick-agent-check: " << failure.what() << '\n';
         return kNotChecked;
     }
-    std::ignore = std::signal(*interruption, SIG_DFL);
-    sigset_t none;
-    sigemptyset(&none);
-    sigprocmask(SIG_SETMASK, &none, nullptr);
-    std::ignore = std::raise(*interruption);
+    std::ignore = std::raise(*interruption);  // so that whoever started the program knows why it has ended
     return kNotChecked;
 }

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "watch/watch.h"
 
+#include "commons/ending_signals.h"
 #include "watch/line_report.h"
 #include "watch/rate_meter.h"
 #include "watch/session_watch.h"
@@ -78,60 +79,13 @@ int columnsOfOutput() {
     return ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_col > 0 ? size.ws_col : INT_MAX / 2;
 }
 
-volatile std::sig_atomic_t endingSignal = 0;
-
-extern "C" void noteSignal(int number) {
-    endingSignal = number;
-}
-
-/// While it lives, the signals that end the program are held back but for the waits, and only noted.
-class EndingSignals {
-  public:
-    EndingSignals() {
-        struct sigaction action {};
-        action.sa_handler = &noteSignal;
-        sigemptyset(&blocked_);
-        for (const int number : kSignals) {
-            struct sigaction before {};
-            if (sigaction(number, nullptr, &before) == 0 && before.sa_handler == SIG_IGN) {
-                continue;  // as nohup wants it
-            }
-            sigaddset(&blocked_, number);
-            sigaction(number, &action, nullptr);
-        }
-        sigprocmask(SIG_BLOCK, &blocked_, &before_);
-        for (const int number : kSignals) {
-            sigdelset(&before_, number);  // whoever started the program may have held them back
-        }
-    }
-
-    EndingSignals(const EndingSignals&) = delete;
-    EndingSignals& operator=(const EndingSignals&) = delete;
-    ~EndingSignals() {
-        for (const int number : kSignals) {
-            if (sigismember(&blocked_, number) == 1) {
-                std::ignore = std::signal(number, SIG_DFL);
-            }
-        }
-        sigprocmask(SIG_SETMASK, &before_, nullptr);
-    }
-
-    const sigset_t* whileWaiting() const { return &before_; }
-
-  private:
-    static constexpr std::array<int, 4> kSignals = {SIGHUP, SIGINT, SIGQUIT, SIGTERM};
-
-    sigset_t blocked_{};
-    sigset_t before_{};
-};
-
 /// What the user does on the terminal.
 class Keyboard {
   public:
     /// Waits for a key or the next look; false when there will be no keys any more.
-    bool wait(const sigset_t* signals) {
+    bool wait() const {
         pollfd input = {isTerminal_ ? STDIN_FILENO : -1, POLLIN, 0};
-        const int ready = ppoll(&input, 1, &kInterval, signals);
+        const int ready = ppoll(&input, 1, &kInterval, &EndingSignals::maskForWaits());
         return ready <= 0 || (input.revents & (POLLHUP | POLLERR | POLLNVAL)) == 0;
     }
 
@@ -148,12 +102,12 @@ class Keyboard {
     bool isTerminal_ = isatty(STDIN_FILENO) == 1;
 };
 
-void showUntilTheEnd(Terminal& terminal, const EndingSignals& signals, Observer& observer, Charset charset) {
-    Keyboard keyboard;
+void showUntilTheEnd(Terminal& terminal, Observer& observer, Charset charset) {
+    const Keyboard keyboard;
     do {
         const Snapshot& snapshot = observer.look("%H:%M:%S");
         terminal.show(renderScreen(snapshot, observer.moment(), terminal.size(), charset));
-    } while (keyboard.wait(signals.whileWaiting()) && endingSignal == 0 && !Keyboard::quits(terminal));
+    } while (keyboard.wait() && EndingSignals::received() == 0 && !Keyboard::quits(terminal));
 }
 
 }  // namespace
@@ -192,13 +146,15 @@ int printLines(const std::string& directory, Charset charset) {
 
 int showScreen(const std::string& directory, Charset charset) {
     bool isShown = false;
+    int endingSignal = 0;
     {
         const EndingSignals signals;
         if (const std::unique_ptr<Terminal> terminal = Terminal::take()) {
             Observer observer(directory);
-            showUntilTheEnd(*terminal, signals, observer, charset);
+            showUntilTheEnd(*terminal, observer, charset);
             isShown = true;
         }
+        endingSignal = EndingSignals::received();
     }
     if (endingSignal != 0) {
         std::ignore = raise(endingSignal);  // so that whoever started the program knows why it has ended
