@@ -25,6 +25,7 @@ from targets import Targets
 _RELEASE = _TOP / "build" / "release"
 _OUT = _TOP / "build" / "bench"
 _COUNTS = "counts"
+_PLAIN = "results.json"
 
 
 def _tell(text):
@@ -34,11 +35,15 @@ def _tell(text):
 def _parse(arguments):
     parser = argparse.ArgumentParser(prog="scripts/bench", usage="scripts/bench [quick] [ROW...] [--keep]")
     parser.add_argument("words", nargs="*")
-    parser.add_argument("--keep", action="store_true", help="keep the counts of instructions for later runs to compare with")
+    parser.add_argument("--keep", action="store_true",
+                        help="keep the counts of instructions for later runs to compare with, and put rows in the place of "
+                             "those in bench/RESULTS.md")
     parser.add_argument("--list", action="store_true", help="print the names of the rows")
     options = parser.parse_args(arguments)
     options.quick = "quick" in options.words
     options.names = [word for word in options.words if word != "quick"]
+    if options.quick and options.keep:
+        parser.error("what is measured quickly is not kept")
     return options
 
 
@@ -72,19 +77,29 @@ def _count(options):
     counts = counting.count(_RELEASE / "bench" / "counts")
     for work, value in counts.items():
         _tell(f"    {counting.MEANING[work]}: {value:.2f}")
-    kept = counting.read(counting.KEPT.read_text(encoding="utf-8")) if counting.KEPT.exists() else {}
+    kept = counting.kept()
     if options.keep:
         counting.KEPT.write_text(counting.written(counts), encoding="utf-8")
         return counts, []
     return counts, [f"changed: {change}" for change in counting.changes(kept, counts)]
 
 
-def _write(directory, text, picture):
+def _write(directory, rows, results, counts, setting):
+    """All that `results` have, as a document, a picture and plain numbers."""
     directory.mkdir(parents=True, exist_ok=True)
-    (directory / "RESULTS.md").write_text(text, encoding="utf-8")
-    if picture:
+    (directory / "RESULTS.md").write_text(report.document(rows, results, counts, setting), encoding="utf-8")
+    if picture := report.picture(results):
         (directory / report.PICTURE).write_text(picture, encoding="utf-8")
+    (directory / _PLAIN).write_text(
+        json.dumps({"setting": setting, "rows": figures.to_json(results)}) + "\n", encoding="utf-8")
     _tell(f"written: {directory.relative_to(_TOP)}/RESULTS.md")
+
+
+def _put_into_kept(rows, results, counts):
+    """Puts rows that were measured to their end in the place of the kept ones."""
+    kept = json.loads((_HERE / _PLAIN).read_text(encoding="utf-8"))
+    measured = {name: result for name, result in results.items() if result.taken}
+    _write(_HERE, rows, {**figures.from_json(kept["rows"]), **measured}, counts, kept["setting"])
 
 
 def _judge(results, whole):
@@ -110,6 +125,11 @@ def main(arguments):
             _tell(f"{row.name:24} {row.title}")
         return 0
     rows = _wanted(options, bench.rows())
+    whole = not options.quick and not options.names
+    is_put = options.keep and bool(rows) and not whole
+    if is_put and not (_HERE / _PLAIN).exists():
+        print(f"bench: --keep has nothing to put rows into: bench/{_PLAIN} is left by a whole run", file=sys.stderr)
+        return 2
     counts, facts, findings = {}, [], []
     if not options.names or _COUNTS in options.names:
         counts, findings = _count(options)
@@ -125,14 +145,14 @@ def main(arguments):
         finally:
             hosts.stop()
             shutil.rmtree(disk, ignore_errors=True)
-            (_OUT / "results.json").write_text(json.dumps(figures.to_json(bench.results)), encoding="utf-8")
-    whole = not options.quick and not options.names
     form = "whole run" if whole else "quick run" if options.quick else "single rows"
     if bench.known_read_size:
         facts.append(f"downloads with {bench.known_read_size} bytes under way at the most")
     setting = report.setting_of(time.monotonic() - began, form, facts)
-    _write(_HERE if whole else _OUT, report.document(bench.rows(), bench.results, counts, setting),
-           report.picture(bench.results))
+    if is_put:
+        _put_into_kept(bench.rows(), bench.results, counts or counting.kept())
+    else:
+        _write(_HERE if whole else _OUT, bench.rows(), bench.results, counts, setting)
     findings += _judge(bench.results, whole)
     for finding in findings:
         _tell(finding)

@@ -51,6 +51,11 @@ def total_of(text):
     raise ValueError("callgrind has not told how much it has counted")
 
 
+def kept():
+    """The counts that later runs are compared with, by the names of the works; none where there are none yet."""
+    return read(KEPT.read_text(encoding="utf-8")) if KEPT.exists() else {}
+
+
 def read(text):
     """Kept counts by the names of the works."""
     pairs = (line.split() for line in text.splitlines() if line and not line.startswith("#"))
@@ -62,13 +67,13 @@ def written(counts):
     return _HEAD + "".join(f"{work} {value:.2f}\n" for work, value in counts.items())
 
 
-def changes(kept, counts):
+def changes(before, counts):
     """What differs by more than the tolerance, as sentences; works without a kept count too."""
     told = []
     for work, value in counts.items():
-        if work not in kept:
+        if work not in before:
             told.append(f"{MEANING.get(work, work)}: {value:.2f} instructions, nothing to compare with")
-        elif abs(value / kept[work] - 1) > TOLERANCE:
-            told.append(f"{MEANING.get(work, work)}: {value:.2f} instructions instead of {kept[work]:.2f} "
-                        f"({value / kept[work] - 1:+.1%})")
+        elif abs(value / before[work] - 1) > TOLERANCE:
+            told.append(f"{MEANING.get(work, work)}: {value:.2f} instructions instead of {before[work]:.2f} "
+                        f"({value / before[work] - 1:+.1%})")
     return told

@@ -48,9 +48,10 @@ class Peer:
 
 @dataclass
 class Result:
-    """What was measured in one row; `peers` by their names."""
+    """What was measured in one row; `peers` by their names. `taken` says when, and what else the machine did."""
 
     peers: dict = field(default_factory=dict)
+    taken: str = ""
 
     def cost(self, *names):
         """The lowest cost among these peers, None when none of them was measured."""
@@ -66,7 +67,7 @@ def to_json(results):
 def from_json(plain):
     """The reverse of `to_json`."""
     return {row: Result({name: Peer([Sample(**sample) for sample in peer["samples"]], peer["list_bytes"])
-                         for name, peer in result["peers"].items()})
+                         for name, peer in result["peers"].items()}, result["taken"])
             for row, result in plain.items()}
 
 

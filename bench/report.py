@@ -28,7 +28,9 @@ def document(rows, results, counts, setting):
         parts += ["## Instructions", "", counts_table(counts), ""]
     for row in rows:
         if row.name in results:
-            parts += [f"## {row.title} (`{row.name}`)", "", row_table(row.name, results[row.name])]
+            result = results[row.name]
+            parts += [f"## {row.title} (`{row.name}`)", "", *([f"Taken {result.taken}.", ""] if result.taken else []),
+                      row_table(row.name, result)]
     return "\n".join(parts).rstrip("\n") + "\n"
 
 

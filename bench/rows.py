@@ -8,6 +8,7 @@ import random
 import shutil
 import statistics
 import subprocess
+import time
 from dataclasses import dataclass
 
 import command_lines
@@ -236,7 +237,10 @@ class Bench:
 
     def measure(self, row):
         """Measures a row; its result is then in `results`."""
+        began = processor_times()
         row.measure(row.name)
+        self.results[row.name].taken = (f"{time.strftime('%Y-%m-%d %H:%M', time.gmtime())} UTC, with "
+                                        f"{stolen_share(began, processor_times()):.1%} of the processors' time stolen")
 
     @property
     def known_read_size(self):
@@ -366,6 +370,18 @@ class _Fetch:
         if removed:
             self._content.check_removed()
         return sample
+
+
+def processor_times():
+    """What the processors have done since the machine was started: the first line of /proc/stat, see proc(5)."""
+    with open("/proc/stat", encoding="ascii") as file:
+        return [int(each) for each in file.readline().split()[1:9]]
+
+
+def stolen_share(before, after):
+    """The share of a time that the machines beside this one had of its processors, from two `processor_times`."""
+    spent = [late - early for early, late in zip(before, after)]
+    return spent[7] / max(1, sum(spent))
 
 
 def _available_memory():

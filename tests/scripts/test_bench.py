@@ -1,6 +1,7 @@
 # SPDX-License-Identifier: Apache-2.0
 """What scripts/bench makes of its measurements: a wrong ratio or a target that nobody looks at would not show."""
 
+import json
 import os
 import pathlib
 import re
@@ -14,12 +15,14 @@ _TOP = pathlib.Path(__file__).resolve().parents[2]
 sys.path[:0] = [str(_TOP / "bench"), str(_TOP / "tests" / "e2e")]
 
 # pylint: disable=wrong-import-position
+import bench
 import command_lines
 import counting
 import figures
 import plot
 import report
 from figures import GIB, MIB, Peer, Result, Sample
+from rows import processor_times, stolen_share
 from targets import Targets
 
 
@@ -51,6 +54,7 @@ def test_peak_is_that_of_the_worst_run():
 
 def test_results_survive_being_written():
     measured = results(one_file={"tallowick": peer(1.5, 2.5, units=3, cpu=0.25, peak_kib=9, list_bytes=11)})
+    measured["one-file"].taken = "at noon"
     assert figures.from_json(figures.to_json(measured)) == measured
 
 
@@ -191,6 +195,46 @@ def test_instructions_are_the_total_of_what_callgrind_writes():
         counting.total_of("events: Ir\n")
 
 
+# ---- Circumstances ----
+
+def test_stolen_share_is_of_all_the_time_that_has_passed():
+    assert stolen_share([1, 1, 1, 1, 1, 1, 1, 1], [11, 11, 11, 31, 11, 11, 11, 11]) == 0.1
+
+
+def test_kernel_tells_what_the_processors_have_done():
+    assert len(processor_times()) == 8
+
+
+def test_rows_measured_again_take_the_place_of_the_kept_ones(tmp_path, monkeypatch):
+    monkeypatch.setattr(bench, "_HERE", tmp_path)
+    monkeypatch.setattr(bench, "_TOP", tmp_path.parent)
+    table = [_Row("one-file"), _Row("deploy")]
+    first = results(one_file={"scp": peer(7.0)}, deploy={"scp": peer(5.0)})
+    first["deploy"].taken = "first"
+    again = results(one_file={"scp": peer(3.0)}, deploy={"scp": peer(9.0)})
+    again["one-file"].taken = "at noon"  # the other one was broken off
+    bench._write(tmp_path, table, first, {"save": 1.0}, "Setting.")
+    bench._put_into_kept(table, again, {"save": 2.0})
+    text = (tmp_path / "RESULTS.md").read_text(encoding="utf-8")
+    assert "Setting." in text and "Taken at noon." in text and "Taken first." in text
+    kept = figures.from_json(json.loads((tmp_path / "results.json").read_text(encoding="utf-8"))["rows"])
+    assert {name: result.cost("scp") for name, result in kept.items()} == {"one-file": 3.0, "deploy": 5.0}
+
+
+def test_rows_are_not_measured_for_results_that_are_not_there(tmp_path, monkeypatch, capsys):
+    monkeypatch.setattr(bench, "_HERE", tmp_path)
+    monkeypatch.setattr(bench, "Bench", lambda *_: _Rows())
+    monkeypatch.setattr(bench, "BASE", tmp_path / "base")
+    assert bench.main(["one-file", "--keep"]) == 2
+    assert "nothing to put rows into" in capsys.readouterr().err
+
+
+def test_quick_measurements_are_not_kept(capsys):
+    with pytest.raises(SystemExit):
+        bench._parse(["quick", "one-file", "--keep"])
+    assert "not kept" in capsys.readouterr().err
+
+
 # ---- The picture ----
 
 def test_picture_has_each_point_in_its_place():
@@ -230,6 +274,14 @@ def test_labels_do_not_touch_and_keep_their_order():
 class _Row:
     def __init__(self, name):
         self.name, self.title = name, f"Title of {name}"
+
+
+class _Rows:
+    """Rows that nobody measures."""
+
+    @staticmethod
+    def rows():
+        return [_Row("one-file")]
 
 
 def test_document_has_all_that_was_measured():
