@@ -239,8 +239,10 @@ class Bench:
         """Measures a row; its result is then in `results`."""
         began = processor_times()
         row.measure(row.name)
-        self.results[row.name].taken = (f"{time.strftime('%Y-%m-%d %H:%M', time.gmtime())} UTC, with "
-                                        f"{stolen_share(began, processor_times()):.1%} of the processors' time stolen")
+        if row.name in self.results:  # not there when the machine has too little memory for it
+            stolen = stolen_share(began, processor_times())
+            self.results[row.name].taken = (f"{time.strftime('%Y-%m-%d %H:%M', time.gmtime())} UTC, with {stolen:.1%} of "
+                                            "the processors' time stolen")
 
     @property
     def known_read_size(self):
