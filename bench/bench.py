@@ -90,9 +90,14 @@ def _write(directory, rows, results, counts, setting):
     (directory / "RESULTS.md").write_text(report.document(rows, results, counts, setting), encoding="utf-8")
     if picture := report.picture(results):
         (directory / report.PICTURE).write_text(picture, encoding="utf-8")
-    (directory / _PLAIN).write_text(
-        json.dumps({"setting": setting, "rows": figures.to_json(results)}) + "\n", encoding="utf-8")
+    _write_plain(directory, results, setting)
     _tell(f"written: {directory.relative_to(_TOP)}/RESULTS.md")
+
+
+def _write_plain(directory, results, setting):
+    """All single measurements."""
+    plain = {"setting": setting, "rows": figures.to_json(results)}
+    (directory / _PLAIN).write_text(json.dumps(plain) + "\n", encoding="utf-8")
 
 
 def _put_into_kept(rows, results, counts):
@@ -143,6 +148,7 @@ def main(arguments):
             facts.append(f"TCP with {hosts.congestion_control()}")
             findings += _measure(bench, rows, options.quick)
         finally:
+            _write_plain(_OUT, bench.results, "broken off")  # an interruption does not cost what was measured before it
             hosts.stop()
             shutil.rmtree(disk, ignore_errors=True)
     form = "whole run" if whole else "quick run" if options.quick else "single rows"

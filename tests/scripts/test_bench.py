@@ -22,7 +22,7 @@ import figures
 import plot
 import report
 from figures import GIB, MIB, Peer, Result, Sample
-from rows import processor_times, stolen_share
+from rows import Bench, Row, processor_times, stolen_share
 from targets import Targets
 
 
@@ -235,6 +235,28 @@ def test_quick_measurements_are_not_kept(capsys):
     assert "not kept" in capsys.readouterr().err
 
 
+def test_row_that_there_is_too_little_memory_for_has_no_result():
+    measuring = Bench.__new__(Bench)
+    measuring.results = {}
+    measuring.measure(Row("growth-bytes-1", "Too large", lambda name: None, 1))
+    assert not measuring.results
+    measuring.measure(Row("start", "Start", lambda name: measuring.results.update({name: Result()}), 1))
+    assert "stolen" in measuring.results["start"].taken
+
+
+def test_interruption_does_not_cost_what_was_measured_before_it(tmp_path, monkeypatch):
+    measuring = _Interrupted()
+    monkeypatch.setattr(bench, "_OUT", tmp_path)
+    monkeypatch.setattr(bench, "BASE", tmp_path / "base")
+    monkeypatch.setattr(bench, "Bench", lambda *_: measuring)
+    monkeypatch.setattr(bench, "Hosts", lambda *_: measuring)
+    with pytest.raises(KeyboardInterrupt):
+        bench.main(["one-file", "deploy"])
+    assert measuring.is_stopped
+    kept = figures.from_json(json.loads((tmp_path / "results.json").read_text(encoding="utf-8"))["rows"])
+    assert kept["one-file"].cost("scp") == 7.0
+
+
 # ---- The picture ----
 
 def test_picture_has_each_point_in_its_place():
@@ -282,6 +304,30 @@ class _Rows:
     @staticmethod
     def rows():
         return [_Row("one-file")]
+
+
+class _Interrupted:
+    """Measures one row; the next one is interrupted. Stands for the hosts too."""
+
+    def __init__(self):
+        self.results = {}
+        self.is_stopped = False
+
+    @staticmethod
+    def rows():
+        return [Row(name, name, None, 1) for name in ("one-file", "deploy")]
+
+    @staticmethod
+    def congestion_control():
+        return "none"
+
+    def measure(self, row):
+        if self.results:
+            raise KeyboardInterrupt
+        self.results[row.name] = Result({"scp": peer(7.0)})
+
+    def stop(self):
+        self.is_stopped = True
 
 
 def test_document_has_all_that_was_measured():
