@@ -329,7 +329,7 @@ def test_local_sink_that_fails_ends_the_command_without_waiting_for_it(probe, se
 
 
 def test_termination_stops_before_the_next_chunk(probe, server, files):
-    run = probe.run(server, execute("while :; do head -c 100000 /dev/zero; done", out=files("out"),
+    run = probe.run(server, execute("while head -c 100000 /dev/zero; do :; done", out=files("out"),
                                     counts=files("counts")), options=["--terminate-after-chunks", "3"])
     assert run.results[0].status is None
     assert "Migration has been terminated" in run.stdout.decode()
