@@ -9,13 +9,23 @@ set(CMAKE_POSITION_INDEPENDENT_CODE ON)
 
 find_program(CCACHE_PROGRAM ccache)
 if(CCACHE_PROGRAM)
-  # It takes precompiled headers only when it need not look at their times and their __DATE__.
-  set(CMAKE_CXX_COMPILER_LAUNCHER env CCACHE_SLOPPINESS=pch_defines,time_macros "${CCACHE_PROGRAM}")
+  # It takes precompiled headers only when it need not look at their times and their __DATE__, and asks the compiler
+  # what a source includes instead of preprocessing each once more.
+  set(ccache_settings CCACHE_SLOPPINESS=pch_defines,time_macros CCACHE_DEPEND=1)
+  if(NOT TALLOWICK_COVERAGE)
+    # Clones in other directories have the same objects.
+    list(APPEND ccache_settings "CCACHE_BASEDIR=${CMAKE_SOURCE_DIR}")
+  endif()
+  set(CMAKE_CXX_COMPILER_LAUNCHER env ${ccache_settings} "${CCACHE_PROGRAM}")
 endif()
 
 add_library(standard_settings INTERFACE)
 target_include_directories(standard_settings INTERFACE "${CMAKE_SOURCE_DIR}/src")
 target_compile_definitions(standard_settings INTERFACE _GNU_SOURCE)
+if(NOT TALLOWICK_COVERAGE)
+  # What is built tells nothing of where it was built.
+  target_compile_options(standard_settings INTERFACE "-ffile-prefix-map=${CMAKE_SOURCE_DIR}=.")
+endif()
 if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
   # ccache asks for this too.
   target_compile_options(standard_settings INTERFACE -fpch-preprocess)
