@@ -20,6 +20,7 @@ CHUNK = 65536
 MIB = 1024 * 1024
 # Far above what any of these takes, below what one wait of five seconds per chunk would cost.
 NO_STALL_S = 15
+NO_STALL_OF_MUCH_S = 120  # the same for a hundred chunks and more
 
 
 def counts_in(file):
@@ -82,7 +83,7 @@ def test_much_standard_error_beside_much_standard_output_is_complete_without_sta
     run = probe.run(server, execute(command, out=files("out"), err=files("err")))
     assert run.statuses == [0]
     assert files("out").stat().st_size == files("err").stat().st_size == 5 * MIB
-    assert run.seconds < NO_STALL_S
+    assert run.seconds < NO_STALL_OF_MUCH_S
 
 
 def test_alternating_small_writes_do_not_stall(probe, server, files):
