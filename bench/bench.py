@@ -147,8 +147,10 @@ def main(arguments):
         try:
             facts.append(f"TCP with {hosts.congestion_control()}")
             findings += _measure(bench, rows, options.quick)
+        except BaseException:  # not even an interruption costs what was measured before it
+            _write_plain(_OUT, bench.results, "broken off")
+            raise
         finally:
-            _write_plain(_OUT, bench.results, "broken off")  # an interruption does not cost what was measured before it
             hosts.stop()
             shutil.rmtree(disk, ignore_errors=True)
     form = "whole run" if whole else "quick run" if options.quick else "single rows"

@@ -18,9 +18,6 @@ from harness.waiting import wait_until
 
 CHUNK = 65536
 MIB = 1024 * 1024
-# Far above what any of these takes, below what one wait of five seconds per chunk would cost.
-NO_STALL_S = 15
-NO_STALL_OF_MUCH_S = 120  # the same for a hundred chunks and more
 
 
 def counts_in(file):
@@ -41,7 +38,7 @@ def test_silent_command_returns_its_status(probe, server):
 def test_silent_command_returns_at_once(probe, server):
     run = probe.run(server, *[execute("true")] * 10)
     assert run.statuses == [0] * 10
-    assert run.seconds < NO_STALL_S
+    assert run.waits_in_vain == 0
 
 
 def test_both_streams_arrive_complete_and_apart(probe, server, files):
@@ -75,7 +72,7 @@ def test_counter_is_never_called_for_standard_error(probe, server, files):
 def test_standard_error_alone_does_not_stall(probe, server, files):
     run = probe.run(server, execute("head -c 200000 /dev/zero >&2", err=files("err")))
     assert files("err").stat().st_size == 200000
-    assert run.seconds < NO_STALL_S
+    assert run.waits_in_vain == 0
 
 
 def test_much_standard_error_beside_much_standard_output_is_complete_without_stall(probe, server, files):
@@ -83,14 +80,14 @@ def test_much_standard_error_beside_much_standard_output_is_complete_without_sta
     run = probe.run(server, execute(command, out=files("out"), err=files("err")))
     assert run.statuses == [0]
     assert files("out").stat().st_size == files("err").stat().st_size == 5 * MIB
-    assert run.seconds < NO_STALL_OF_MUCH_S
+    assert run.waits_in_vain == 0
 
 
 def test_alternating_small_writes_do_not_stall(probe, server, files):
     command = "for i in 1 2 3 4 5 6 7 8 9 10; do echo $i; echo $i >&2; sleep 0.1; done"
     run = probe.run(server, execute(command, out=files("out"), err=files("err")))
     assert files("out").read_text().split() == files("err").read_text().split() == [str(i) for i in range(1, 11)]
-    assert run.seconds < NO_STALL_S
+    assert run.waits_in_vain == 0
 
 
 @pytest.mark.parametrize("size", [0, 1, CHUNK - 1, CHUNK, CHUNK + 1, 3 * MIB])
@@ -282,14 +279,15 @@ def test_data_that_waits_in_the_library_is_taken_at_once(probe, start_scripted, 
             for _ in range(8):
                 command.err(b"e" * 1000)
                 command.out(b"o" * 1000)
-        time.sleep(0.2)
+        wait_until(lambda: files("counts").exists() and sum(counts_in(files("counts"))) == 8000, "all output")
         command.exit(0)
 
-    result = probe.run(start_scripted(run=run), execute("whatever", out=files("out"), err=files("err")))
+    result = probe.run(start_scripted(run=run), execute("whatever", out=files("out"), err=files("err"),
+                                                        counts=files("counts")))
     assert result.statuses == [0]
     assert files("out").read_bytes() == b"o" * 8000
     assert files("err").read_bytes() == b"e" * 8000
-    assert result.seconds < 4.5
+    assert result.waits_in_vain == 0
 
 
 @pytest.mark.parametrize("stream", [0, 2, 2**31])
@@ -310,7 +308,7 @@ def test_data_on_a_third_stream_neither_keeps_a_command_from_its_end_nor_costs_a
     assert result.statuses == [5, 5]
     assert files("out").read_bytes() == b"o" * 100_000
     assert files("err").read_bytes() == b"e" * 100_000
-    assert result.seconds < NO_STALL_S
+    assert result.waits_in_vain == 0
 
 
 def test_stalled_line_is_waited_for_without_spinning(probe, server, start_relay):

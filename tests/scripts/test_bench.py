@@ -208,7 +208,7 @@ def test_kernel_tells_what_the_processors_have_done():
 def test_rows_measured_again_take_the_place_of_the_kept_ones(tmp_path, monkeypatch):
     monkeypatch.setattr(bench, "_HERE", tmp_path)
     monkeypatch.setattr(bench, "_TOP", tmp_path.parent)
-    table = [_Row("one-file"), _Row("deploy")]
+    table = [_row("one-file"), _row("deploy")]
     first = results(one_file={"scp": peer(7.0)}, deploy={"scp": peer(5.0)})
     first["deploy"].taken = "first"
     again = results(one_file={"scp": peer(3.0)}, deploy={"scp": peer(9.0)})
@@ -293,9 +293,8 @@ def test_labels_do_not_touch_and_keep_their_order():
 
 # ---- The document ----
 
-class _Row:
-    def __init__(self, name):
-        self.name, self.title = name, f"Title of {name}"
+def _row(name):
+    return Row(name, f"Title of {name}", None, 1)
 
 
 class _Rows:
@@ -303,7 +302,7 @@ class _Rows:
 
     @staticmethod
     def rows():
-        return [_Row("one-file")]
+        return [_row("one-file")]
 
 
 class _Interrupted:
@@ -315,7 +314,7 @@ class _Interrupted:
 
     @staticmethod
     def rows():
-        return [Row(name, name, None, 1) for name in ("one-file", "deploy")]
+        return [_row(name) for name in ("one-file", "deploy")]
 
     @staticmethod
     def congestion_control():
@@ -333,7 +332,7 @@ class _Interrupted:
 def test_document_has_all_that_was_measured():
     measured = results(one_file={"tallowick": peer(2.0, units=0.5, cpu=1.0, peak_kib=2048), "scp": peer(1.0, units=0.5)},
                        small_files={"tallowick": peer(4.0, units=100), "floor": peer(4.0, units=100)})
-    text = report.document([_Row("one-file"), _Row("small-files"), _Row("deploy")], measured, {"save": 47454.0}, "Setting.")
+    text = report.document([_row("one-file"), _row("small-files"), _row("deploy")], measured, {"save": 47454.0}, "Setting.")
     assert "| tallowick | 1 | 512 | 2 | 268 | 1.00 | 2 | 2.0 |" in text
     assert "| scp | 1 | 512 | 1 | 537 | 0.50 |  |  |" in text
     assert "| tallowick | 1 | 100 | 4 | 40 | 1.00 |  |  |" in text

@@ -53,6 +53,11 @@ class ProbeRun:
         """The status of each operation, or the tag of the error that it ended in."""
         return [result.tag or result.status for result in self.results]
 
+    @property
+    def waits_in_vain(self):
+        """How often the probe waited for its connection until the wait's own limit, five seconds, woke it up."""
+        return int(re.search(rb"^waits in vain: (\d+)$", self.stdout, re.MULTILINE)[1])
+
     def report(self):
         log = self.log.decode("utf-8", "backslashreplace")
         return (f"$ {' '.join(self.command)}\nstatus {self.status} after {self.seconds:.2f} s\n"
